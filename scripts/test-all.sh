@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Builds each configuration once and runs its tests:
+#   build       RelWithDebInfo, every test
+#   build-tsan  ThreadSanitizer, the engine's tests (label "engine")
+#   build-asan  AddressSanitizer + UndefinedBehaviorSanitizer, every test
+set -uo pipefail
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+export QT_QPA_PLATFORM=offscreen
+export XDG_RUNTIME_DIR=${XDG_RUNTIME_DIR:-$(mktemp -d)}
+chmod 700 "$XDG_RUNTIME_DIR" 2>/dev/null || true
+export CCACHE_DIR=${CCACHE_DIR:-$HOME/.cache/ccache}
+
+status=0
+summary=()
+
+configure_and_build() {  # dir, extra cmake args...
+  local dir=$1; shift
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null || return 1
+  cmake --build "$dir" -j "$jobs" || return 1
+}
+
+run_suite() {  # name, dir, ctest args...; $RUN_PREFIX runs before ctest
+  local name=$1 dir=$2; shift 2
+  echo "=== $name ==="
+  local out
+  out=$(cd "$dir" && ${RUN_PREFIX:-} ctest --output-on-failure --timeout 300 -j "$jobs" "$@" 2>&1)
+  local rc=$?
+  echo "$out" | tail -n 40
+  local line
+  line=$(echo "$out" | grep -E 'tests passed|tests failed' | tail -n1)
+  summary+=("$name: $line")
+  if [ $rc -ne 0 ]; then status=1; fi
+}
+
+counts() {  # totals over every suite, as one closing line
+  local passed=0 failed=0
+  for dir in build build-tsan build-asan; do
+    [ -f "$dir/Testing/Temporary/LastTest.log" ] || continue
+    p=$(grep -c '^Test Passed\.' "$dir/Testing/Temporary/LastTest.log" || true)
+    f=$(grep -c '^Test Failed\.' "$dir/Testing/Temporary/LastTest.log" || true)
+    passed=$((passed + p)); failed=$((failed + f))
+  done
+  echo "$passed passed, $failed failed"
+}
+
+if configure_and_build build -DCMAKE_BUILD_TYPE=RelWithDebInfo; then
+  run_suite plain build
+else
+  echo "plain build failed"; status=1
+fi
+
+# setarch -R: ThreadSanitizer cannot map its shadow with the kernel's wide mmap randomisation.
+if configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DSONTO_SANITIZE=thread -DSONTO_BUILD_BENCH=OFF; then
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" RUN_PREFIX="setarch $(uname -m) -R" \
+    run_suite tsan build-tsan -L engine
+else
+  echo "tsan build failed"; status=1
+fi
+
+if configure_and_build build-asan -DCMAKE_BUILD_TYPE=Debug "-DSONTO_SANITIZE=address;undefined" -DSONTO_BUILD_BENCH=OFF; then
+  ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+    run_suite asan+ubsan build-asan
+else
+  echo "asan build failed"; status=1
+fi
+
+printf '%s\n' "${summary[@]}"
+counts
+exit $status

@@ -1,0 +1,5 @@
+#pragma once
+// The subcommands of the sonto binary that run without a display.
+
+// sonto info FILE...: what the file reader makes of each file.
+int sontoInfoCommand(int argc, char** argv);

@@ -46,6 +46,13 @@ bool KyoAudioStreamDescription::isCanonicalFormat() const {
          m_description.mFramesPerPacket == 1;
 }
 
+bool KyoAudioStreamDescription::isEqualToDescription(const KyoAudioStreamDescription* other) const {
+  if (other) return isEqualToDescription(*other);
+  KyoAudioStreamDescription zero;
+  zero.clear();
+  return isEqualToDescription(zero);
+}
+
 bool KyoAudioStreamDescription::isEqualToDescription(const KyoAudioStreamDescription& other) const {
   const auto& a = m_description;
   const auto& b = other.m_description;
@@ -86,12 +93,20 @@ std::string KyoAudioStreamDescription::description() const {
   // The four bytes of the format as they lie in memory (little-endian here).
   char code[5] = {};
   std::memcpy(code, &m_description.mFormatID, 4);
-  char line[256];
-  std::snprintf(line, sizeof line,
-                "[ %.2f hz | %d channel | %d bit | '%4.4s'-%s | %d bytes per packet | %d frames per packet | "
-                "%d bytes per frame | %s",
-                m_description.mSampleRate, int(m_description.mChannelsPerFrame), int(m_description.mBitsPerChannel),
-                code, humanFormat().c_str(), int(m_description.mBytesPerPacket), int(m_description.mFramesPerPacket),
-                int(m_description.mBytesPerFrame), isInterleaved() ? "Interleaved ]" : "Non-interleaved ]");
+  const char* format =
+      "[ %.2f hz | %d channel | %d bit | '%4.4s'-%s | %d bytes per packet | %d frames per packet | "
+      "%d bytes per frame | %s";
+  auto print = [&](char* out, size_t size) {
+    return std::snprintf(out, size, format, m_description.mSampleRate, int(m_description.mChannelsPerFrame),
+                         int(m_description.mBitsPerChannel), code, humanFormat().c_str(),
+                         int(m_description.mBytesPerPacket), int(m_description.mFramesPerPacket),
+                         int(m_description.mBytesPerFrame), isInterleaved() ? "Interleaved ]" : "Non-interleaved ]");
+  };
+  // A rate from a broken file can be any double, hundreds of digits long.
+  const int length = print(nullptr, 0);
+  if (length < 0) return {};
+  std::string line(size_t(length) + 1, '\0');
+  print(line.data(), line.size());
+  line.resize(size_t(length));
   return line;
 }

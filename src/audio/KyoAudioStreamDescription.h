@@ -70,7 +70,10 @@ class KyoAudioStreamDescription {
   bool isInterleaved() const { return (m_description.mFormatFlags & kAudioFormatFlagIsNonInterleaved) == 0; }
   bool isLinearPCMFormat() const { return m_description.mFormatID == kAudioFormatLinearPCM; }
   bool isCanonicalFormat() const;
+  // Rate (exact), format, flags, packet and frame sizes, channels and bits; not
+  // mReserved. Null compares as an all-zero description.
   bool isEqualToDescription(const KyoAudioStreamDescription& other) const;
+  bool isEqualToDescription(const KyoAudioStreamDescription* other) const;
   bool operator==(const KyoAudioStreamDescription& other) const { return isEqualToDescription(other); }
 
   std::string humanFormat() const;

@@ -10,7 +10,7 @@ packages=(
   libjack-jackd2-dev libasound2-dev jackd2
   libsndfile1-dev libavformat-dev libavcodec-dev libswresample-dev libavutil-dev
   libsoxr-dev
-  lv2-dev liblilv-dev libsuil-dev
+  lv2-dev liblilv-dev libsuil-dev mda-lv2
   xvfb xauth
   sox ffmpeg
 )

@@ -1,0 +1,439 @@
+// The render engine of an open KyoAudioDevice: the mixer, the busses and their render
+// records, the action queue and the cycle itself.
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "audio/KyoAudioDevice.h"
+#include "audio/KyoMatrixMixer.h"
+#include "foundation/KyoEnvironment.h"
+#include "foundation/KyoLog.h"
+
+namespace {
+// The mixer is sized for cycles up to this, or the device's cycle if larger.
+constexpr uint32_t kPreferredMaximumFrames = 4096;
+
+template <int32_t (KyoAudioDevice::*Entry)(uint32_t*, const KyoAudioTimeStamp*, uint32_t, uint32_t,
+                                           AudioBufferList*)>
+void fillInfo(KyoAudioDevice* device, KyoRenderInfo& info, const char* selector) {
+  info.target = device;
+  info.selector = selector;
+  info.method = [](void* target, uint32_t* flags, const KyoAudioTimeStamp* ts, uint32_t bus, uint32_t frames,
+                   AudioBufferList* data) -> int32_t {
+    return (static_cast<KyoAudioDevice*>(target)->*Entry)(flags, ts, bus, frames, data);
+  };
+}
+}  // namespace
+
+// --- Use count ---
+
+void KyoAudioDevice::engage() {
+  int32_t old;
+  {
+    std::lock_guard<std::mutex> lock(m_engineMutex);
+    old = m_engaged++;
+  }
+  // A failed open leaves the count as it is: the next engage tries again.
+  if (old >= 0 && !isOpen()) open();
+}
+
+void KyoAudioDevice::disengage() {
+  {
+    std::lock_guard<std::mutex> lock(m_engineMutex);
+    int32_t old = m_engaged--;
+    if (old > 1) return;
+    m_engaged = 0;
+  }
+  if (isOpen()) close();
+}
+
+int32_t KyoAudioDevice::engaged() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_engaged;
+}
+
+// --- Open and close ---
+
+bool KyoAudioDevice::open() {
+  // So a delegate sees the close of an earlier opening ahead of this open.
+  close();
+
+  std::unique_lock<std::mutex> lock(m_engineMutex);
+  KyoHALDeviceProperties p;
+  if (!readProperties(p, __PRETTY_FUNCTION__, __LINE__) || p.outputChannels == 0 || p.nominalSampleRate <= 0) {
+    if (p.outputChannels == 0) KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, description() + " has no outputs");
+    return false;
+  }
+
+  // Released outside the locks, after a failure.
+  std::vector<std::shared_ptr<KyoAudioAttachable>> released;
+  auto fail = [&](int32_t status, int line) {
+    KyoLogStatus(status, __PRETTY_FUNCTION__, line);
+    closeLocked(released);
+    return false;
+  };
+
+  m_mixerOutDesc = KyoAudioStreamDescription(p.nominalSampleRate, p.outputChannels);
+  m_mixerInDesc = KyoAudioStreamDescription(p.nominalSampleRate, kKyoLogicalChannels);
+  m_maximumFrames = std::max(p.bufferSizeInFrames, kPreferredMaximumFrames);
+  if (p.maxBufferSizeInFrames) m_maximumFrames = std::min(m_maximumFrames, std::max(p.maxBufferSizeInFrames, p.bufferSizeInFrames));
+
+  auto mixer = std::make_shared<KyoMatrixMixer>();
+  int32_t status;
+  if ((status = mixer->setElementCount(kKyoAudioUnitScope_Input, kKyoBusCount))) return fail(status, __LINE__);
+  if ((status = mixer->setElementCount(kKyoAudioUnitScope_Output, 1))) return fail(status, __LINE__);
+  for (uint32_t bus = 0; bus < kKyoBusCount; ++bus)
+    if ((status = mixer->setStreamFormat(kKyoAudioUnitScope_Input, bus, *m_mixerInDesc))) return fail(status, __LINE__);
+  if ((status = mixer->setStreamFormat(kKyoAudioUnitScope_Output, 0, *m_mixerOutDesc))) return fail(status, __LINE__);
+  if ((status = mixer->setMaximumFramesPerSlice(m_maximumFrames))) return fail(status, __LINE__);
+
+  fillInfo<&KyoAudioDevice::outRenderCallback>(this, m_outRenderInfo,
+                                               "outRenderCallback:timeStamp:busNumber:numberFrames:data:");
+  for (uint32_t bus = 0; bus < kKyoBusCount; ++bus)
+    if ((status = mixer->setRenderCallback(bus, m_outRenderInfo))) return fail(status, __LINE__);
+  uint32_t metering = 1;
+  if ((status = mixer->setProperty(kKyoAudioUnitProperty_MeteringMode, kKyoAudioUnitScope_Global, 0, &metering,
+                                   sizeof metering)))
+    return fail(status, __LINE__);
+  if ((status = mixer->initialize())) return fail(status, __LINE__);
+
+  const bool withInput = m_enableInput.load() && p.inputChannels > 0;
+  if (withInput) {
+    m_inputDesc = KyoAudioStreamDescription(p.nominalSampleRate, p.inputChannels);
+    fillInfo<&KyoAudioDevice::inRenderCallback>(this, m_inRenderInfo,
+                                                "inRenderCallback:timeStamp:busNumber:numberFrames:data:");
+    m_bufferList = KyoAudioBufferListCreate(p.inputChannels, m_maximumFrames, false);
+    if (!m_bufferList) return fail(kKyoHALUnsupportedError, __LINE__);
+  }
+
+  m_freeBusses.clear();
+  m_freeBusses.reserve(kKyoBusCount);
+  for (uint32_t bus = kKyoBusCount; bus-- > 0;) m_freeBusses.push_back(bus);  // bus 0 at the back: next
+  m_attachedAudio.clear();
+  m_attachedAudio.reserve(kKyoBusCount);
+  m_audioToUsedBus.clear();
+  m_audioToUsedBus.reserve(kKyoBusCount);
+  for (uint32_t bus = 0; bus < kKyoBusCount; ++bus) mixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 0.0f);
+
+  m_renderMap = std::make_unique<KyoRenderInfoList>();
+  m_renderMap->count = kKyoBusCount;
+
+  {
+    std::lock_guard<std::mutex> mixerLock(m_mixerMutex);
+    m_mixer = mixer;
+  }
+  m_renderMixer = mixer.get();
+  m_open.store(true);
+  lock.unlock();
+  setDefaultVolumes();
+  lock.lock();
+
+  fillInfo<&KyoAudioDevice::notifyCallback>(this, m_notifyInfo, "notifyCallback:timeStamp:busNumber:numberFrames:data:");
+  if (!m_open.load()) return false;  // closed meanwhile by another thread
+  status = KyoHAL::shared().startIO(m_deviceID, withInput, &KyoAudioDevice::ioProc, this);
+  if (status != kKyoHALNoError) {
+    fail(status, __LINE__);
+    lock.unlock();
+    if (auto* d = delegate()) d->audioDeviceDidClose(this);
+    return false;
+  }
+  m_ioRunning.store(true);
+  lock.unlock();
+  if (auto* d = delegate()) d->audioDeviceDidOpen(this);
+  return true;
+}
+
+void KyoAudioDevice::close() {
+  std::vector<std::shared_ptr<KyoAudioAttachable>> released;
+  {
+    std::lock_guard<std::mutex> lock(m_engineMutex);
+    closeLocked(released);
+  }
+  // The attached objects simply lose their busses; they aren't told. Released here,
+  // outside every lock, since a last release may come back to this device.
+  released.clear();
+  if (auto* d = delegate()) d->audioDeviceDidClose(this);
+}
+
+// m_engineMutex held.
+void KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released) {
+  // Stop the cycles first: stopIO returns after the last callback, which takes
+  // m_renderMutex, so it must not be held here yet.
+  if (m_ioRunning.exchange(false)) {
+    int32_t status = KyoHAL::shared().stopIO(m_deviceID);
+    if (status != kKyoHALNoError && status != kKyoHALNotRunningError) KYO_LOG_STATUS(status);
+  }
+  m_open.store(false);
+  // A fade running now gives up at its next step, even if the device opens again.
+  m_fadeIndex.fetch_add(1);
+
+  std::shared_ptr<KyoMatrixMixer> mixer;
+  {
+    std::lock_guard<std::mutex> mixerLock(m_mixerMutex);
+    mixer = std::move(m_mixer);
+  }
+  KyoActionInfo* batch = m_actionsToSync;
+  KyoActionInfo* pending;
+  {
+    KyoMutexLocker render(m_renderMutex);
+    m_renderMixer = nullptr;
+    m_mixerInDesc.reset();
+    m_mixerOutDesc.reset();
+    m_inputDesc.reset();
+    KyoAudioBufferListFree(m_bufferList);
+    m_bufferList = nullptr;
+    m_freeBusses.clear();
+    released.swap(m_attachedAudio);
+    m_audioToUsedBus.clear();
+    m_renderMap.reset();
+    pending = m_actions;
+    m_actions = nullptr;
+    m_actionsToSync = nullptr;
+  }
+  freeActionList(batch);
+  freeActionList(pending);
+  reclaimUsedActions();
+  m_maximumFrames = 0;
+  // The mixer goes when the last volume writer lets go of it.
+  mixer.reset();
+}
+
+// --- Formats ---
+
+std::optional<KyoAudioStreamDescription> KyoAudioDevice::_outFeedFormat() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_open.load() ? m_mixerInDesc : std::nullopt;
+}
+
+std::optional<KyoAudioStreamDescription> KyoAudioDevice::_inFeedFormat() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_open.load() && m_enableInput.load() ? m_inputDesc : std::nullopt;
+}
+
+uint32_t KyoAudioDevice::_maximumFramesPerSlice() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_maximumFrames;
+}
+
+// --- Busses ---
+
+int32_t KyoAudioDevice::_setEnabled(bool enabled, uint32_t bus) {
+  if (bus >= kKyoBusCount) return 0;
+  auto mixer = currentMixer();
+  if (!mixer) return kKyoAudioUnitErr_Uninitialized;
+  int32_t status =
+      mixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, enabled ? 1.0f : 0.0f);
+  if (status) KYO_LOG_STATUS(status);
+  return status;
+}
+
+bool KyoAudioDevice::_attachAudio(const std::shared_ptr<KyoAudioAttachable>& audio) {
+  if (!audio) return false;
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  if (!m_open.load()) {
+    KyoLog("Error: %s is not open, so it can't attach %s", description().c_str(), audio->description().c_str());
+    return false;
+  }
+  std::shared_ptr<KyoAudioAttachable> thing = audio;
+  if (std::shared_ptr<KyoAudioSending> send = audio->send()) {
+    if (send->device() != this) {
+      KyoLog("Error: %s is not the assigned device for send %s", description().c_str(), send->description().c_str());
+      return false;
+    }
+    if (!send->_attachAudio(audio)) {
+      KyoLog("Error: %s could not attach %s to send %s", description().c_str(), audio->description().c_str(),
+             send->description().c_str());
+      return false;
+    }
+    thing = send;
+  } else if (audio->device() != this) {
+    KyoLog("Error: %s is not the assigned device for %s", description().c_str(), audio->description().c_str());
+    return false;
+  }
+  KYO_LOG_AT(3, "%s attaching %s", description().c_str(), thing->description().c_str());
+  if (m_audioToUsedBus.count(thing.get())) return true;
+  if (m_freeBusses.empty()) {
+    KyoLog("Error: No busses left for device %s; can't attach %s", description().c_str(),
+           thing->description().c_str());
+    return false;
+  }
+  const uint32_t bus = m_freeBusses.back();
+  m_attachedAudio.push_back(thing);
+  m_audioToUsedBus[thing.get()] = bus;
+  m_freeBusses.pop_back();
+
+  KyoMutexLocker render(m_renderMutex);
+  thing->registerRenderInfo(&m_renderMap->infos[bus]);
+  m_renderMixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 1.0f);
+  return true;
+}
+
+void KyoAudioDevice::_detachAudio(KyoAudioAttachable* audio) {
+  if (!audio) return;
+  std::shared_ptr<KyoAudioAttachable> released;  // let go of outside the lock
+  {
+    std::lock_guard<std::mutex> lock(m_engineMutex);
+    if (!m_open.load()) return;
+    KyoAudioAttachable* thing = audio;
+    std::shared_ptr<KyoAudioSending> send = audio->send();
+    if (send) {
+      send->_detachAudio(audio);
+      // The send keeps its bus while any of its sources is attached.
+      if (send->hasAudioAttached()) return;
+      thing = send.get();
+    }
+    KYO_LOG_AT(3, "%s detaching %s", description().c_str(), thing->description().c_str());
+    auto it = m_audioToUsedBus.find(thing);
+    if (it == m_audioToUsedBus.end()) return;
+    const uint32_t bus = it->second;
+    {
+      KyoMutexLocker render(m_renderMutex);
+      m_renderMixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 0.0f);
+      m_renderMap->infos[bus] = KyoRenderInfo{};
+    }
+    m_freeBusses.push_back(bus);  // a freed bus is the next to be used
+    m_audioToUsedBus.erase(it);
+    auto found = std::find_if(m_attachedAudio.begin(), m_attachedAudio.end(),
+                              [thing](const auto& a) { return a.get() == thing; });
+    if (found != m_attachedAudio.end()) {
+      released = std::move(*found);
+      m_attachedAudio.erase(found);
+    }
+  }
+}
+
+std::optional<uint32_t> KyoAudioDevice::_busOfAudio(const KyoAudioAttachable* audio) const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  auto it = m_audioToUsedBus.find(audio);
+  if (it == m_audioToUsedBus.end()) return std::nullopt;
+  return it->second;
+}
+
+size_t KyoAudioDevice::_freeBusCount() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_freeBusses.size();
+}
+
+// --- Action queue ---
+
+void KyoAudioDevice::freeActionList(KyoActionInfo* node) {
+  while (node) {
+    KyoActionInfo* next = node->next;
+    delete node;
+    node = next;
+  }
+}
+
+void KyoAudioDevice::reclaimUsedActions() { freeActionList(m_usedActions.exchange(nullptr)); }
+
+void KyoAudioDevice::startSyncedActions() {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  reclaimUsedActions();
+  if (!m_actionsToSync) m_actionsToSync = new KyoActionInfo{};
+}
+
+bool KyoAudioDevice::_batchIsOpen() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_actionsToSync != nullptr;
+}
+
+void KyoAudioDevice::performAction(void* target, KyoActionMethod method, const char* selector) {
+  if (!method) return;
+  {
+    std::lock_guard<std::mutex> lock(m_engineMutex);
+    if (m_actionsToSync) {
+      KyoActionInfo* tail = m_actionsToSync;
+      while (tail->method) tail = tail->next;
+      tail->target = target;
+      tail->selector = selector;
+      tail->method = method;
+      tail->next = new KyoActionInfo{};
+      return;
+    }
+  }
+  method(target);
+}
+
+void KyoAudioDevice::endSyncedActions() {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  reclaimUsedActions();
+  if (!m_actionsToSync) return;
+  KyoMutexLocker render(m_renderMutex);
+  if (!m_actions) {
+    m_actions = m_actionsToSync;
+  } else {
+    KyoActionInfo* last = m_actions;
+    while (last->next) last = last->next;
+    last->next = m_actionsToSync;
+  }
+  m_actionsToSync = nullptr;
+}
+
+// Render thread, before and after each cycle.
+int32_t KyoAudioDevice::notifyCallback(uint32_t*, const KyoAudioTimeStamp*, uint32_t, uint32_t, AudioBufferList*) {
+  KyoMutexLocker render(m_renderMutex);
+  KyoActionInfo* node = m_actions;
+  m_actions = nullptr;
+  while (node) {
+    if (node->method) node->method(node->target);
+    KyoActionInfo* next = node->next;
+    // Handed back, not freed: the render thread doesn't free.
+    node->next = m_usedActions.load(std::memory_order_relaxed);
+    while (!m_usedActions.compare_exchange_weak(node->next, node, std::memory_order_release,
+                                                std::memory_order_relaxed)) {
+    }
+    node = next;
+  }
+  return 0;
+}
+
+// --- The cycle (render thread) ---
+
+void KyoAudioDevice::ioProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output,
+                            double sampleTime) {
+  auto* device = static_cast<KyoAudioDevice*>(client);
+  KyoAudioTimeStamp timeStamp;
+  timeStamp.mSampleTime = sampleTime;
+  uint32_t flags = kKyoRenderAction_PreRender;
+  device->m_notifyInfo.call(&flags, &timeStamp, 0, frames, output);
+  if (input && device->m_bufferList) {
+    flags = 0;
+    device->m_inRenderInfo.call(&flags, &timeStamp, 1, frames, const_cast<AudioBufferList*>(input));
+  }
+  flags = 0;
+  int32_t status = device->m_renderMixer->render(&flags, &timeStamp, 0, frames, output);
+  flags = kKyoRenderAction_PostRender;
+  if (status != 0) flags |= kKyoRenderAction_PostRenderError;
+  device->m_notifyInfo.call(&flags, &timeStamp, 0, frames, output);
+}
+
+int32_t KyoAudioDevice::outRenderCallback(uint32_t* ioActionFlags, const KyoAudioTimeStamp* timeStamp, uint32_t busNumber,
+                                          uint32_t frames, AudioBufferList* ioData) {
+  KyoMutexLocker render(m_renderMutex);
+  const KyoRenderInfo& entry = m_renderMap->infos[busNumber];
+  if (!entry.target) {
+    // A bus emptied between the mixer's look at its enable and this call.
+    *ioActionFlags |= kKyoRenderAction_OutputIsSilence;
+    return 0;
+  }
+  // The bus number doesn't travel on: in the object it is the output of its last unit.
+  return int16_t(entry.call(ioActionFlags, timeStamp, 0, frames, ioData));
+}
+
+// The device layer hands over the input block; it is kept for the live sources of this cycle.
+int32_t KyoAudioDevice::inRenderCallback(uint32_t*, const KyoAudioTimeStamp*, uint32_t, uint32_t frames,
+                                         AudioBufferList* ioData) {
+  KyoMutexLocker render(m_renderMutex);
+  if (!m_bufferList) return 0;
+  const uint32_t n = std::min(frames, m_maximumFrames);
+  KyoAudioBufferListResetSizes(m_bufferList, n);
+  if (KyoAudioBufferListCopy(ioData, 0, m_bufferList, 0, n) != n) KyoAudioBufferListSilence(m_bufferList, 0, n);
+  return 0;
+}
+
+// Render thread, within a bus's render: no lock of its own.
+uint32_t KyoAudioDevice::readFrames(uint32_t frames, AudioBufferList* list, uint32_t offset) {
+  uint32_t copied = m_bufferList ? KyoAudioBufferListCopy(m_bufferList, 0, list, offset, frames) : 0;
+  if (copied < frames) KyoAudioBufferListSilence(list, offset + copied, frames - copied);
+  return copied;
+}

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "foundation/KyoCollections.h"
+#include "foundation/KyoEnvironment.h"
 #include "foundation/KyoGeometry.h"
 #include "foundation/KyoHostTime.h"
 #include "foundation/KyoLog.h"
@@ -256,4 +257,22 @@ TEST(KyoGeometry, InsetAndDistance) {
   EXPECT_EQ(KyoInsetRect(KyoMakeRect(0, 0, 10, 10), -1, -1), KyoMakeRect(-1, -1, 12, 12));
   EXPECT_FLOAT_EQ(KyoPointDistance({0, 0}, {3, 4}), 5.0f);
   EXPECT_FLOAT_EQ(KyoPointDistance({1, 1}, {1, 1}), 0.0f);
+}
+
+TEST(KyoEnvironment, IPAddressesOfThisMachine) {
+  const auto addresses = KyoEnvironment::ipAddresses();
+  // Every machine has its loopback interface.
+  bool loopback = false;
+  for (const auto& ip : addresses) {
+    const uint32_t address = addressFromDotNotation(ip.address);
+    const uint32_t mask = addressFromDotNotation(ip.netmask);
+    EXPECT_EQ(addressFromDotNotation(ip.broadcast), address | ~mask) << ip.name;
+    EXPECT_EQ(addressInDotNotation(address), ip.address);
+    if (ip.address == "127.0.0.1") {
+      loopback = true;
+      EXPECT_EQ(ip.netmask, "255.0.0.0");
+      EXPECT_EQ(ip.broadcast, "127.255.255.255");
+    }
+  }
+  EXPECT_TRUE(loopback);
 }

@@ -36,6 +36,26 @@ void TestBufferList::fillSignal() {
   }
 }
 
+KyoRenderInfo TestSignalSource::renderInfo() {
+  KyoRenderInfo info;
+  info.target = this;
+  info.selector = kKyoRenderSelector;
+  info.method = &TestSignalSource::render;
+  return info;
+}
+
+int32_t TestSignalSource::render(void* target, uint32_t*, const KyoAudioTimeStamp*, uint32_t, uint32_t frames,
+                                 AudioBufferList* data) {
+  auto* self = static_cast<TestSignalSource*>(target);
+  for (uint32_t c = 0; c < data->mNumberBuffers; ++c) {
+    float* samples = KyoAudioBufferListChannel(data, c);
+    for (uint32_t f = 0; f < frames; ++f) samples[f] = testSignal((uint32_t)(self->m_position + f), c);
+  }
+  self->m_position += frames;
+  ++self->m_calls;
+  return 0;
+}
+
 LogCatcher::LogCatcher() {
   KyoSetLogSink([this](const std::string& line) {
     std::lock_guard<std::mutex> lock(m_mutex);

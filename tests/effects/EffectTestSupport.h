@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "audio/KyoAudioBufferList.h"
+#include "audio/KyoAudioRendering.h"
 
 namespace sonto::test {
 
@@ -43,6 +44,21 @@ class TestBufferList {
 
 // The signal fillSignal() writes at frame f of channel c.
 float testSignal(uint32_t frame, uint32_t channel);
+
+// A render callback that plays testSignal() from frame 0 on, one channel per buffer,
+// and counts what it was asked for. Render thread; no allocation.
+class TestSignalSource {
+ public:
+  KyoRenderInfo renderInfo();
+  uint64_t position() const { return m_position; }
+  uint32_t calls() const { return m_calls; }
+
+ private:
+  static int32_t render(void* target, uint32_t* flags, const KyoAudioTimeStamp* timeStamp, uint32_t bus,
+                        uint32_t frames, AudioBufferList* data);
+  uint64_t m_position = 0;
+  uint32_t m_calls = 0;
+};
 
 // Collects log lines while it lives.
 class LogCatcher {

@@ -1,0 +1,274 @@
+#include "audio/KyoHALJack.h"
+
+#include <jack/jack.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "foundation/KyoEnvironment.h"
+
+namespace {
+
+constexpr const char* kClientName = "Sonto";
+constexpr uint32_t kMinBufferSize = 16;
+constexpr uint32_t kMaxBufferSize = 8192;
+constexpr uint32_t kMaxPorts = 256;
+
+// libjack reports to standard error on its own, loudly so when no server runs;
+// the device layer reports what matters itself.
+void quietJackError(const char* message) { KYO_LOG_AT(3, "JACK: %s", message); }
+void quietJackInfo(const char* message) { KYO_LOG_AT(4, "JACK: %s", message); }
+
+void installJackReporting() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    jack_set_error_function(quietJackError);
+    jack_set_info_function(quietJackInfo);
+  });
+}
+
+std::string hex(int value) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%x", unsigned(value));
+  return text;
+}
+
+jack_client_t* openClient(const char* name, const std::string& server, jack_status_t& status) {
+  installJackReporting();
+  return jack_client_open(name, jack_options_t(JackNoStartServer | JackServerName), &status, server.c_str());
+}
+
+// The physical ports of one direction; JackPortIsInput finds the playback ports.
+std::vector<std::string> physicalPorts(jack_client_t* client, unsigned long flags) {
+  std::vector<std::string> names;
+  const char** ports = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE, JackPortIsPhysical | flags);
+  if (!ports) return names;
+  for (size_t i = 0; ports[i] && names.size() < kMaxPorts; ++i) names.emplace_back(ports[i]);
+  jack_free(ports);
+  return names;
+}
+
+class JackStream : public KyoHALStream {
+ public:
+  explicit JackStream(const KyoHALStreamParameters& parameters) : m_parameters(parameters) {}
+  ~JackStream() override {
+    stop();
+    std::free(m_output);
+    std::free(m_input);
+  }
+
+  int32_t begin(const std::string& server) {
+    jack_status_t jackStatus{};
+    m_client = openClient(kClientName, server, jackStatus);
+    if (!m_client) {
+      KYO_LOG_STATUS_DETAIL(kKyoHALBadDeviceError,
+                            "JACK server \"" + server + "\" is not running (status " + hex(jackStatus) + ")");
+      return kKyoHALBadDeviceError;
+    }
+    auto playback = physicalPorts(m_client, JackPortIsInput);
+    auto capture = m_parameters.enableInput ? physicalPorts(m_client, JackPortIsOutput) : std::vector<std::string>();
+    if (playback.empty()) {
+      KYO_LOG_STATUS_DETAIL(kKyoHALBadDeviceError, "JACK server \"" + server + "\" has no playback ports");
+      return kKyoHALBadDeviceError;
+    }
+    m_output = KyoAudioBufferListAllocateHeader(uint32_t(playback.size()));
+    m_input = capture.empty() ? nullptr : KyoAudioBufferListAllocateHeader(uint32_t(capture.size()));
+    if (!m_output || (!capture.empty() && !m_input)) return kKyoHALUnsupportedError;
+    for (size_t i = 0; i < playback.size(); ++i) {
+      std::string name = "out_" + std::to_string(i + 1);
+      jack_port_t* port = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsOutput, 0);
+      if (!port) {
+        KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, "JACK refused the port " + name);
+        return kKyoHALUnsupportedError;
+      }
+      m_outputPorts.push_back(port);
+      m_output->mBuffers[i] = AudioBuffer{1, 0, nullptr};
+    }
+    for (size_t i = 0; i < capture.size(); ++i) {
+      std::string name = "in_" + std::to_string(i + 1);
+      jack_port_t* port = jack_port_register(m_client, name.c_str(), JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
+      if (!port) {
+        KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, "JACK refused the port " + name);
+        return kKyoHALUnsupportedError;
+      }
+      m_inputPorts.push_back(port);
+      m_input->mBuffers[i] = AudioBuffer{1, 0, nullptr};
+    }
+    m_bufferSize.store(jack_get_buffer_size(m_client));
+    m_sampleRate.store(jack_get_sample_rate(m_client));
+    jack_set_process_callback(m_client, process, this);
+    jack_set_xrun_callback(m_client, xrun, this);
+    jack_set_buffer_size_callback(m_client, bufferSizeChanged, this);
+    jack_set_sample_rate_callback(m_client, sampleRateChanged, this);
+    jack_on_info_shutdown(m_client, shutdown, this);
+    if (int error = jack_activate(m_client)) {
+      KYO_LOG_STATUS_DETAIL(kKyoHALNotRunningError, "JACK would not activate the client (" + std::to_string(error) + ")");
+      return kKyoHALNotRunningError;
+    }
+    m_active = true;
+    for (size_t i = 0; i < playback.size(); ++i) {
+      int error = jack_connect(m_client, jack_port_name(m_outputPorts[i]), playback[i].c_str());
+      if (error && error != EEXIST) KyoLog("Could not connect %s to %s (%d)", jack_port_name(m_outputPorts[i]),
+                                             playback[i].c_str(), error);
+    }
+    for (size_t i = 0; i < capture.size(); ++i) {
+      int error = jack_connect(m_client, capture[i].c_str(), jack_port_name(m_inputPorts[i]));
+      if (error && error != EEXIST) KyoLog("Could not connect %s to %s (%d)", capture[i].c_str(),
+                                             jack_port_name(m_inputPorts[i]), error);
+    }
+    return kKyoHALNoError;
+  }
+
+  // Once jack_client_close has returned, the server calls nothing of ours again.
+  void stop() override {
+    if (!m_client) return;
+    if (m_active && !m_dead.load()) jack_deactivate(m_client);
+    jack_client_close(m_client);
+    m_client = nullptr;
+    m_active = false;
+  }
+
+  bool isRenderThread() const override {
+    pthread_t t = m_renderThread.load();
+    return t && pthread_equal(t, pthread_self());
+  }
+  uint32_t bufferSizeInFrames() const override { return m_bufferSize.load(); }
+
+ private:
+  // JACK's process thread.
+  static int process(jack_nframes_t frames, void* arg) {
+    auto* self = static_cast<JackStream*>(arg);
+    if (!self->m_renderThread.load(std::memory_order_relaxed)) self->m_renderThread.store(pthread_self());
+    const uint32_t bytes = frames * sizeof(float);
+    for (size_t i = 0; i < self->m_outputPorts.size(); ++i) {
+      void* data = jack_port_get_buffer(self->m_outputPorts[i], frames);
+      std::memset(data, 0, bytes);
+      self->m_output->mBuffers[i].mData = data;
+      self->m_output->mBuffers[i].mDataByteSize = bytes;
+    }
+    for (size_t i = 0; i < self->m_inputPorts.size(); ++i) {
+      self->m_input->mBuffers[i].mData = jack_port_get_buffer(self->m_inputPorts[i], frames);
+      self->m_input->mBuffers[i].mDataByteSize = bytes;
+    }
+    self->m_parameters.proc(self->m_parameters.client, frames, self->m_input, self->m_output, self->m_sampleTime);
+    self->m_sampleTime += frames;
+    return 0;
+  }
+
+  static int xrun(void* arg) {
+    auto* self = static_cast<JackStream*>(arg);
+    if (self->m_parameters.events) self->m_parameters.events->post(kKyoHALEventOverload);
+    return 0;
+  }
+
+  static int bufferSizeChanged(jack_nframes_t frames, void* arg) {
+    static_cast<JackStream*>(arg)->m_bufferSize.store(frames);
+    return 0;
+  }
+
+  static int sampleRateChanged(jack_nframes_t rate, void* arg) {
+    auto* self = static_cast<JackStream*>(arg);
+    if (self->m_sampleRate.exchange(rate) != rate && self->m_parameters.events)
+      self->m_parameters.events->post(kKyoHALEventRateChanged);
+    return 0;
+  }
+
+  // A thread of libjack, after the server has gone: nothing of JACK may be called here.
+  static void shutdown(jack_status_t, const char*, void* arg) {
+    auto* self = static_cast<JackStream*>(arg);
+    self->m_dead.store(true);
+    if (self->m_parameters.events) self->m_parameters.events->post(kKyoHALEventDied);
+  }
+
+  KyoHALStreamParameters m_parameters;
+  jack_client_t* m_client = nullptr;
+  bool m_active = false;
+  std::vector<jack_port_t*> m_outputPorts;
+  std::vector<jack_port_t*> m_inputPorts;
+  AudioBufferList* m_output = nullptr;
+  AudioBufferList* m_input = nullptr;
+  double m_sampleTime = 0;  // process thread only
+  std::atomic<pthread_t> m_renderThread{};
+  std::atomic<uint32_t> m_bufferSize{0};
+  std::atomic<uint32_t> m_sampleRate{0};
+  std::atomic<bool> m_dead{false};
+};
+
+}  // namespace
+
+KyoHALJack::KyoHALJack() = default;
+
+KyoHALJack::~KyoHALJack() { closeMonitor(); }
+
+std::string KyoHALJack::serverName() {
+  const char* name = std::getenv("JACK_DEFAULT_SERVER");
+  return name && *name ? name : "default";
+}
+
+void KyoHALJack::closeMonitor() {
+  if (m_monitor) jack_client_close(m_monitor);
+  m_monitor = nullptr;
+  m_monitorLost.store(false);
+}
+
+void KyoHALJack::forget() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  closeMonitor();
+}
+
+std::vector<KyoHALDeviceProperties> KyoHALJack::scan(const std::vector<std::string>&) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::string server = serverName();
+  if (m_monitor && (m_monitorLost.load() || m_monitorServer != server)) closeMonitor();
+  if (!m_monitor) {
+    jack_status_t status{};
+    m_monitor = openClient("Sonto-list", server, status);
+    if (!m_monitor) return {};
+    m_monitorServer = server;
+    jack_on_info_shutdown(
+        m_monitor, [](jack_status_t, const char*, void* lost) { static_cast<std::atomic<bool>*>(lost)->store(true); },
+        &m_monitorLost);
+    if (jack_activate(m_monitor)) {
+      closeMonitor();
+      return {};
+    }
+  }
+  auto playback = physicalPorts(m_monitor, JackPortIsInput);
+  if (playback.empty()) return {};
+  KyoHALDeviceProperties p;
+  p.uid = "jack:" + server;
+  p.modelUID = "jack";
+  p.name = server == "default" ? "JACK" : "JACK (" + server + ")";
+  p.manufacturer = "JACK";
+  p.nominalSampleRate = jack_get_sample_rate(m_monitor);
+  p.outputChannels = uint32_t(playback.size());
+  p.inputChannels = uint32_t(physicalPorts(m_monitor, JackPortIsOutput).size());
+  p.bufferSizeInFrames = jack_get_buffer_size(m_monitor);
+  p.minBufferSizeInFrames = kMinBufferSize;
+  p.maxBufferSizeInFrames = kMaxBufferSize;
+  return {p};
+}
+
+std::unique_ptr<KyoHALStream> KyoHALJack::start(const KyoHALDeviceProperties& device,
+                                                 const KyoHALStreamParameters& parameters, int32_t& status) {
+  std::string server = device.uid.substr(device.uid.find(':') + 1);
+  auto stream = std::make_unique<JackStream>(parameters);
+  status = stream->begin(server);
+  if (status != kKyoHALNoError) return nullptr;
+  return stream;
+}
+
+int32_t KyoHALJack::setBufferSizeInFrames(const std::string& uid, uint32_t frames) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (!m_monitor || m_monitorLost.load() || uid != "jack:" + m_monitorServer) return kKyoHALBadDeviceError;
+  // The server's period is a power of two.
+  if (frames & (frames - 1)) return kKyoHALIllegalOperationError;
+  if (int error = jack_set_buffer_size(m_monitor, frames)) {
+    KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, "JACK would not change its buffer size (" + std::to_string(error) + ")");
+    return kKyoHALUnsupportedError;
+  }
+  return kKyoHALNoError;
+}

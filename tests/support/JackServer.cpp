@@ -1,0 +1,109 @@
+#include "support/JackServer.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <vector>
+
+extern char** environ;
+
+namespace sonto::test {
+
+namespace {
+
+bool onPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::string paths = path ? path : "/usr/bin:/bin";
+  size_t begin = 0;
+  while (begin <= paths.size()) {
+    size_t end = paths.find(':', begin);
+    if (end == std::string::npos) end = paths.size();
+    std::string candidate = paths.substr(begin, end - begin) + "/" + program;
+    if (access(candidate.c_str(), X_OK) == 0) return true;
+    begin = end + 1;
+  }
+  return false;
+}
+
+// Runs a program with its output discarded; the child's pid, or -1.
+pid_t spawnQuietly(const std::vector<std::string>& arguments) {
+  std::vector<char*> argv;
+  for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = -1;
+  int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  return error == 0 ? pid : -1;
+}
+
+int waitFor(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) return -1;
+  }
+  return status;
+}
+
+}  // namespace
+
+bool JackServer::installed() { return onPath("jackd") && onPath("jack_wait"); }
+
+JackServer::JackServer() {
+  static std::atomic<int> counter{0};
+  m_name = "sonto-" + std::to_string(getpid()) + "-" + std::to_string(counter.fetch_add(1));
+}
+
+JackServer::~JackServer() {
+  kill(SIGTERM);
+  if (m_environmentSet) {
+    if (m_hadPreviousServer)
+      setenv("JACK_DEFAULT_SERVER", m_previousServer.c_str(), 1);
+    else
+      unsetenv("JACK_DEFAULT_SERVER");
+  }
+}
+
+bool JackServer::start(unsigned periodFrames) {
+  if (running()) return true;
+  if (!m_environmentSet) {
+    const char* previous = std::getenv("JACK_DEFAULT_SERVER");
+    m_hadPreviousServer = previous != nullptr;
+    if (previous) m_previousServer = previous;
+    setenv("JACK_DEFAULT_SERVER", m_name.c_str(), 1);
+    m_environmentSet = true;
+  }
+  m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
+  if (m_pid <= 0) {
+    m_error = "jackd could not be run";
+    m_pid = -1;
+    return false;
+  }
+  // jack_wait reads the server's name from the environment set above.
+  pid_t waiter = spawnQuietly({"jack_wait", "-w", "-t", "10"});
+  int status = waiter > 0 ? waitFor(waiter) : -1;
+  if (status < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    m_error = "jackd -n " + m_name + " did not come up within 10 seconds";
+    kill(SIGKILL);
+    return false;
+  }
+  return true;
+}
+
+void JackServer::kill(int signal) {
+  if (m_pid <= 0) return;
+  ::kill(m_pid, signal);
+  waitFor(m_pid);
+  m_pid = -1;
+}
+
+}  // namespace sonto::test

@@ -3,3 +3,6 @@
 
 // sonto info FILE...: what the file reader makes of each file.
 int sontoInfoCommand(int argc, char** argv);
+
+// sonto devices: the output device catalogue, the default marked.
+int sontoDevicesCommand(int argc, char** argv);

@@ -8,7 +8,9 @@ namespace {
 void usage() {
   std::fprintf(stderr,
                "usage: sonto info FILE...\n"
-               "  info FILE...   what Sonto's file reader makes of each audio file\n");
+               "       sonto devices\n"
+               "  info FILE...   what Sonto's file reader makes of each audio file\n"
+               "  devices        the output devices, the default marked\n");
 }
 }  // namespace
 
@@ -19,6 +21,7 @@ int main(int argc, char** argv) {
   }
   std::string command = argv[1];
   if (command == "info") return sontoInfoCommand(argc - 2, argv + 2);
+  if (command == "devices") return sontoDevicesCommand(argc - 2, argv + 2);
   if (command == "-h" || command == "--help" || command == "help") {
     usage();
     return 0;

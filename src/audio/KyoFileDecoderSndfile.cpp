@@ -7,12 +7,17 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "audio/KyoFileDecoder.h"
 #include "foundation/KyoLog.h"
 
 namespace {
+
+// Frames decoded ahead of a seek target in lossy formats.
+constexpr int64_t kLossySeekPrerollFrames = 8192;
 
 uint32_t formatIDForSubtype(int subtype) {
   switch (subtype) {
@@ -91,6 +96,7 @@ class SndfileDecoder final : public KyoFileDecoder {
       d.mBytesPerFrame = d.mBitsPerChannel / 8 * d.mChannelsPerFrame;
       d.mBytesPerPacket = d.mBytesPerFrame;
     }
+    m_lossy = d.mFormatID != kAudioFormatLinearPCM;
   }
 
   ~SndfileDecoder() override {
@@ -103,11 +109,25 @@ class SndfileDecoder final : public KyoFileDecoder {
   int64_t lengthInFrames() const override { return m_info.frames; }
 
   bool seek(int64_t frame) override {
-    if (sf_seek(m_file, frame, SEEK_SET) < 0) {
+    m_failedSeek = false;
+    // A lossy decoder lands on the frame but its first output after a seek lacks
+    // the previous packet's overlap: start earlier and decode forward to the frame.
+    int64_t start = m_lossy ? std::max<int64_t>(0, frame - kLossySeekPrerollFrames) : frame;
+    if (sf_seek(m_file, start, SEEK_SET) < 0) {
       m_failedSeek = true;
       return false;
     }
-    m_failedSeek = false;
+    std::vector<float> scratch;
+    for (int64_t left = frame - start; left > 0;) {
+      sf_count_t step = std::min<sf_count_t>(left, 4096);
+      scratch.resize(size_t(step) * m_format.mChannelsPerFrame);
+      sf_count_t got = sf_readf_float(m_file, scratch.data(), step);
+      if (got <= 0) {
+        m_failedSeek = true;
+        return false;
+      }
+      left -= got;
+    }
     return true;
   }
 
@@ -127,6 +147,7 @@ class SndfileDecoder final : public KyoFileDecoder {
   SNDFILE* m_file;
   SF_INFO m_info;
   AudioStreamBasicDescription m_format;
+  bool m_lossy = false;  // a compressed format whose decoder carries state across packets
   bool m_failedSeek = false;
 };
 

@@ -44,8 +44,21 @@ inline Channels readAll(KyoAudioFile& file, uint32_t channels, uint32_t chunk) {
 float sineSample(double t, double hz, uint32_t c);
 bool writeSineWav(const std::string& path, double rate, uint32_t channels, int64_t frames, double hz);
 
+// A sweep from 200 Hz upwards, distinct at every frame so that a delay of any
+// number of frames shows; each channel has its own phase.
+float chirpSample(int64_t frame, double rate, uint32_t c);
+bool writeChirpWav(const std::string& path, double rate, uint32_t channels, int64_t frames);
+
+// The delay of `decoded` against `source` in frames, searched within +-`range`
+// around the middle of the signal: 0 for a gapless decoder.
+int64_t delayAgainst(const std::vector<float>& decoded, const std::vector<float>& source, int64_t range);
+
 // Encodes `source` with the ffmpeg command line and the given arguments (codec and
 // options) into `destination`. Answers false when ffmpeg fails.
 bool encodeWithFFmpeg(const std::string& source, const std::string& arguments, const std::string& destination);
+
+// The length in frames that the container states for its first audio stream, as
+// ffprobe reads it: an outside witness of what the file claims. -1 when unknown.
+int64_t statedLengthByFFprobe(const std::string& path);
 
 }  // namespace sonto::test

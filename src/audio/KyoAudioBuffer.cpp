@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <mutex>
 
 #include "audio/KyoAudioFile.h"
@@ -18,6 +19,16 @@ const char* describe(const std::shared_ptr<KyoAlias>& alias, std::string& storag
 }
 
 }  // namespace
+
+int64_t KyoFramesFromSeconds(double seconds, double rate) {
+  double frames = seconds * rate;
+  if (!(frames > 0)) return 0;
+  if (frames >= 9.2233720368547748e18) return std::numeric_limits<int64_t>::max();
+  double whole = std::nearbyint(frames);
+  // A round trip through seconds is off by a few units in the last place at most.
+  if (whole > frames && whole - frames <= frames * 1e-15) return int64_t(whole);
+  return int64_t(frames);
+}
 
 void KyoAudioBuffer::setFillLimiterForTesting(FillLimiter limiter) {
   std::lock_guard<std::mutex> lock(gLimiterMutex);
@@ -80,8 +91,11 @@ std::shared_ptr<KyoAudioBuffer> KyoAudioBuffer::create(std::shared_ptr<KyoAlias>
     return nullptr;
   }
 
+  // Both ends as frame positions, so that the count agrees with the frames a
+  // player computes for the same times.
+  double readRate = stream->m_readFormat.sampleRate();
   stream->m_totalFramesToRead =
-      int64_t((stream->m_endTime - stream->m_startTime) * stream->m_readFormat.sampleRate());
+      KyoFramesFromSeconds(stream->m_endTime, readRate) - KyoFramesFromSeconds(stream->m_startTime, readRate);
   int status = pthread_cond_init(&stream->m_condition, nullptr);
   if (status != 0) {
     KYO_LOG_STATUS(status);
@@ -90,7 +104,7 @@ std::shared_ptr<KyoAudioBuffer> KyoAudioBuffer::create(std::shared_ptr<KyoAlias>
   stream->m_conditionMade = true;
 
   double fileRate = stream->m_fileFormat ? stream->m_fileFormat->sampleRate() : stream->m_readFormat.sampleRate();
-  stream->m_startFrame = int64_t(stream->m_startTime * fileRate);
+  stream->m_startFrame = KyoFramesFromSeconds(stream->m_startTime, fileRate);
   file.goToFrame(stream->m_startFrame);
 
   {
@@ -137,20 +151,29 @@ void KyoAudioBuffer::_fillBufferFromThread() {
   int status = m_mutex.lock();
   if (status != 0) KYO_LOG_STATUS(status);
   while (m_keepFillingBuffer.load()) {
+    // A test's limiter that cut the read short is asked again at once, so that a
+    // throttled fill thread waits in the limiter rather than for a reader's signal.
+    bool limited = false;
     if (!m_atEndOfFile.load()) {
       uint32_t space = KyoAudioRingBufferSpace(m_ringBuffer);
-      if (space != 0 && m_fillLimiter) space = std::min(space, m_fillLimiter(space));
+      if (space != 0 && m_fillLimiter) {
+        uint32_t allowed = m_fillLimiter(space);
+        limited = allowed < space;
+        space = std::min(space, allowed);
+      }
       if (space != 0) {
         uint32_t got = m_file->readFrames(space, m_bufferList, 0);
-        if (got == 0)
+        if (got == 0) {
           m_atEndOfFile.store(true);
-        else
+        } else {
           KyoAudioRingBufferWrite(m_ringBuffer, m_bufferList, 0, got);
+          if (got < space) m_fileEndInRing.store(true);
+        }
         // The decoder shrinks the sizes to what it delivered.
         KyoAudioBufferListResetSizes(m_bufferList, m_bufferSize);
       }
     }
-    if (m_keepFillingBuffer.load()) {
+    if (m_keepFillingBuffer.load() && !limited) {
       status = pthread_cond_wait(&m_condition, m_mutex.native());
       if (status != 0) KYO_LOG_STATUS(status);
     }

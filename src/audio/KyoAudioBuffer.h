@@ -26,6 +26,12 @@
 
 class KyoAudioFile;
 
+// Seconds to a frame position, truncated toward zero and clamped to what a position
+// holds. A product that lies within rounding error below a whole frame counts as
+// that frame, so that a position turned into seconds and back (frame / rate * rate)
+// lands where it started: a stream built at a player's position starts on its frame.
+int64_t KyoFramesFromSeconds(double seconds, double rate);
+
 class KyoAudioBuffer : public KyoAudioReading {
  public:
   // Null, with a log line saying why, when the parameters, the file or its channels
@@ -53,9 +59,11 @@ class KyoAudioBuffer : public KyoAudioReading {
   // The range is read out, or the file has given its last frame (frames may remain).
   bool isFinished() const;
   int64_t framesRead() const { return m_totalFramesRead.load(std::memory_order_relaxed); }
-  // The ring is full, or holds everything up to the file's end.
+  // The ring is full, or holds everything up to the file's end (a file read gave
+  // less than it was asked for, which a decoder does only at the end).
   bool isFilled() {
-    return m_atEndOfFile.load() || KyoAudioRingBufferCount(m_ringBuffer) == KyoAudioRingBufferCapacity(m_ringBuffer);
+    return m_atEndOfFile.load() || m_fileEndInRing.load() ||
+           KyoAudioRingBufferCount(m_ringBuffer) == KyoAudioRingBufferCapacity(m_ringBuffer);
   }
 
   int64_t startFrame() const { return m_startFrame; }
@@ -97,6 +105,7 @@ class KyoAudioBuffer : public KyoAudioReading {
   std::atomic<int64_t> m_totalDroppedFrames{0};
   std::atomic<bool> m_keepFillingBuffer{true};
   std::atomic<bool> m_atEndOfFile{false};
+  std::atomic<bool> m_fileEndInRing{false};
   // Held by the fill thread except in its wait, so a killWorker caller may block on
   // it for a file read. Never taken by the reader.
   KyoMutex m_mutex;

@@ -142,16 +142,21 @@ bool KyoEffect::setComponentDescription(const KyoAudioComponentDescription& desc
   }
   m_componentDescription.setName(componentName);
 
+  splitComponentName(componentName, &m_manufacturer, &m_name);
+  m_displayName = m_name;
+  return true;
+}
+
+void KyoEffect::splitComponentName(const std::string& componentName, std::string* manufacturer, std::string* name) {
   std::vector<std::string> parts = split(componentName, ": ");
   if (parts.size() != 2) parts = split(componentName, ":");
   if (parts.size() == 2) {
-    m_manufacturer = parts[0];
-    m_name = m_displayName = parts[1];
+    *manufacturer = parts[0];
+    *name = parts[1];
   } else {
-    m_manufacturer = "Unknown";
-    m_name = m_displayName = componentName;
+    *manufacturer = "Unknown";
+    *name = componentName;
   }
-  return true;
 }
 
 // --- In a stream ---
@@ -183,11 +188,19 @@ bool KyoEffect::addToStream(KyoStream* stream, KyoError* error) {
   if (status != 0) return KYO_EFFECT_ANSWER(status, kAUGraphErrorDomain, error);
   m_channelInfoData.reset();
   m_parameterMenu.reset();
+  // A unit opened outside the graph goes: once the effect leaves the stream, its
+  // pending state is newer than anything that unit holds.
+  m_ownUnit.reset();
   setStream(stream, node);
   return true;
 }
 
-bool KyoEffect::removeFromStream(KyoStream* stream) { return !stream || stream->removeEffect(this); }
+bool KyoEffect::removeFromStream(KyoStream* stream) {
+  if (!stream) return true;
+  // The unit goes with the node: keep what it holds unless a newer state is pending.
+  if (m_stream == stream && !m_state && audioUnit()) saveState();
+  return stream->removeEffect(this);
+}
 
 KyoAudioUnit* KyoEffect::audioUnit() {
   if (!m_audioUnit) m_audioUnit = m_stream ? m_stream->audioUnitForEffect(this) : m_ownUnit.get();
@@ -480,7 +493,9 @@ void KyoEffect::saveState() {
 }
 
 void KyoEffect::restoreState() {
-  if (m_state) setProperties(*m_state);
+  if (!m_state) return;
+  const KyoEffectProperties state = *m_state;
+  setProperties(state);
 }
 
 bool KyoEffect::setProperties(const KyoEffectProperties& properties) {

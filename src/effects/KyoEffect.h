@@ -109,6 +109,9 @@ class KyoEffect final : public KyoAudioRendering, public KyoStreamEffect, public
 
   const KyoAudioComponentDescription& componentDescription() const { return m_componentDescription; }
   bool setComponentDescription(const KyoAudioComponentDescription& description, KyoError* error = nullptr);
+  // "maker: name" (or "maker:name") into its two parts; anything else is the name
+  // of the maker "Unknown".
+  static void splitComponentName(const std::string& componentName, std::string* manufacturer, std::string* name);
   const std::string& manufacturer() const { return m_manufacturer; }
   const std::string& name() const { return m_name; }
   const std::string& displayName() const { return m_displayName; }
@@ -119,6 +122,7 @@ class KyoEffect final : public KyoAudioRendering, public KyoStreamEffect, public
   int32_t node() const override { return m_node; }
   void setStream(KyoStream* stream, int32_t node) override;
   bool addToStream(KyoStream* stream, KyoError* error) override;
+  // Saves the unit's state first when nothing newer is pending, so no setting is lost.
   bool removeFromStream(KyoStream* stream);
   // The unit: the stream's node, or one opened outside any stream; null without either.
   KyoAudioUnit* audioUnit();

@@ -86,8 +86,8 @@ void KyoEffectBus::removeEffectsFromStream(KyoStream* stream) {
   if (stream) {
     // An effect removed and added again before a rebuild stands in both lists; its
     // second removal finds it gone and does nothing.
-    for (const auto& effect : m_effects) stream->removeEffect(effect.get());
-    for (const auto& effect : m_deadEffects) stream->removeEffect(effect.get());
+    for (const auto& effect : m_effects) effect->removeFromStream(stream);
+    for (const auto& effect : m_deadEffects) effect->removeFromStream(stream);
   }
   m_deadEffects.clear();
   m_usedEffects.clear();

@@ -2,11 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <strings.h>
+
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "EffectTestSupport.h"
 #include "effects/KyoEffectCatalogue.h"
 #include "effects/KyoLV2Unit.h"
+#include "foundation/KyoNotificationCenter.h"
 
 using namespace sonto::test;
 
@@ -54,4 +59,364 @@ TEST(KyoEffect, FixtureFromItsDescriptionRendersExactlyMinusSixDecibels) {
   EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
   expectGain(*effect, 2, 256, -6.0f);
   EXPECT_DOUBLE_EQ(effect->latency(), kGainLatencyFrames / 48000.0);
+}
+
+TEST(KyoEffect, ComponentNamesSplitIntoMakerAndName) {
+  struct Case {
+    const char* text;
+    const char* manufacturer;
+    const char* name;
+  } cases[] = {
+      {"Sonto Tests: Test Gain", "Sonto Tests", "Test Gain"},
+      {"Maker:Name", "Maker", "Name"},
+      {"No Colon Here", "Unknown", "No Colon Here"},
+      {"A: B: C", "Unknown", "A: B: C"},  // neither rule gives two parts
+      {"A:B:C", "Unknown", "A:B:C"},
+      {"", "Unknown", ""},
+  };
+  for (const Case& c : cases) {
+    std::string manufacturer, name;
+    KyoEffect::splitComponentName(c.text, &manufacturer, &name);
+    EXPECT_EQ(manufacturer, c.manufacturer) << c.text;
+    EXPECT_EQ(name, c.name) << c.text;
+  }
+}
+
+TEST(KyoEffect, NearestSupportedChannelCount) {
+  struct Case {
+    std::vector<KyoChannelInfo> records;
+    uint32_t wanted;
+    uint32_t answer;
+  } cases[] = {
+      {{{1, 1}, {2, 2}}, 6, 2},
+      {{{-1, -1}}, 6, 6},
+      {{{-4, -4}}, 6, 4},
+      {{{-4, -4}}, 3, 3},
+      {{{0, 2}}, 1, 0},          // as near as the start value: stays 0
+      {{{0, 2}, {2, 2}}, 1, 0},  // 2 is no nearer than 0: in a tie the earlier stands
+      {{{1, 1}, {3, 3}}, 2, 1},
+      {{{-2, -1}}, 8, 8},
+      {{}, 2, 0},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(KyoEffect::nearestChannelCount(c.records, c.wanted, true), c.answer)
+        << c.records.size() << " records, " << c.wanted << " wanted";
+  }
+  // The output side looks at the second value.
+  EXPECT_EQ(KyoEffect::nearestChannelCount({{2, 1}}, 3, false), 1u);
+  EXPECT_EQ(KyoEffect::nearestChannelCount({{2, 1}}, 3, true), 2u);
+
+  // A mono plugin takes any count, by running once per channel.
+  auto effect = KyoEffect::effectWithDescription(gainDescription());
+  ASSERT_NE(effect, nullptr);
+  EXPECT_EQ(effect->supportedInputChannels(2), 0u);  // no unit yet: nothing is known
+  ASSERT_TRUE(effect->open());
+  EXPECT_EQ(effect->supportedInputChannels(6), 6u);
+  EXPECT_EQ(effect->supportedOutputChannels(2), 2u);
+}
+
+TEST(KyoEffect, SettingsSurviveSavingAndRestoringIntoANewEffect) {
+  TestSignalSource source;
+  auto effect = liveEffect(gainDescription(), 48000.0, 1, source);
+  ASSERT_NE(effect, nullptr);
+  effect->setValue(-6.0f, kGainParameter);
+  effect->setDisplayName("Lobby trim");
+
+  KyoEffectProperties properties = effect->properties();
+  EXPECT_EQ(properties.className, "KyoEffect");
+  EXPECT_EQ(properties.component, std::vector<uint8_t>(kGainURI, kGainURI + strlen(kGainURI)));
+  EXPECT_EQ(properties.manufacturer, "Sonto Tests");
+  EXPECT_EQ(properties.name, "Test Gain");
+  EXPECT_EQ(properties.displayName, "Lobby trim");
+  EXPECT_EQ(properties.enabled, true);
+  EXPECT_EQ(properties.editorIsOpen, false);
+  EXPECT_FALSE(properties.lastEditorFrame);
+  ASSERT_TRUE(properties.settings);
+
+  // The settings are plain text: they go through a file as they are.
+  const std::string settings = *properties.settings;
+  EXPECT_EQ(settings.find('\0'), std::string::npos);
+
+  TestSignalSource source2;
+  auto restored = KyoEffect::effectWithProperties(properties);
+  ASSERT_NE(restored, nullptr);
+  EXPECT_EQ(restored->displayName(), "Lobby trim");
+  ASSERT_TRUE(restored->open());
+  ASSERT_TRUE(restored->setStreamFormat(KyoAudioStreamDescription(48000.0, 1)));
+  ASSERT_TRUE(restored->setRenderCallback(source2.renderInfo()));
+  ASSERT_TRUE(restored->initialize());
+  EXPECT_FLOAT_EQ(restored->valueForParameter(kGainParameter), 0.0f);  // not applied before setParameters
+  ASSERT_TRUE(restored->setParameters());
+  EXPECT_FALSE(restored->state());
+  EXPECT_FLOAT_EQ(restored->valueForParameter(kGainParameter), -6.0f);
+  expectGain(*restored, 1, 300, -6.0f);
+
+  // With nothing pending, setParameters answers true and changes nothing.
+  restored->setValue(-3.0f, kGainParameter);
+  EXPECT_TRUE(restored->setParameters());
+  EXPECT_FLOAT_EQ(restored->valueForParameter(kGainParameter), -3.0f);
+}
+
+TEST(KyoEffect, ACopyKeepsTheSettingsAndLeavesTheOriginalAlone) {
+  TestSignalSource source;
+  auto effect = liveEffect(gainDescription(), 44100.0, 2, source);
+  ASSERT_NE(effect, nullptr);
+  effect->setValue(-6.0f, kGainParameter);
+  auto twin = effect->copy();
+  ASSERT_NE(twin, nullptr);
+  ASSERT_NE(twin, effect);
+  EXPECT_EQ(twin->stream(), nullptr);
+  EXPECT_EQ(twin->editor(), nullptr);
+  EXPECT_EQ(twin->audioUnit(), nullptr);
+  ASSERT_TRUE(twin->state());
+  EXPECT_EQ(twin->state()->settings, effect->state()->settings);
+
+  TestSignalSource twinSource;
+  ASSERT_TRUE(twin->open());
+  ASSERT_TRUE(twin->setStreamFormat(KyoAudioStreamDescription(44100.0, 2)));
+  ASSERT_TRUE(twin->setRenderCallback(twinSource.renderInfo()));
+  ASSERT_TRUE(twin->initialize());
+  ASSERT_TRUE(twin->setParameters());
+  expectGain(*twin, 2, 128, -6.0f);
+
+  // Changing the copy does not reach the original.
+  twin->setValue(-20.0f, kGainParameter);
+  EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
+
+  // A detached effect copies its pending state: saving twice without a unit keeps it.
+  auto detached = KyoEffect::effectWithProperties(effect->properties());
+  ASSERT_NE(detached, nullptr);
+  detached->saveState();
+  const auto first = detached->state();
+  detached->saveState();
+  EXPECT_EQ(detached->state(), first);
+  auto detachedTwin = detached->copy();
+  EXPECT_EQ(detachedTwin->state(), first);
+}
+
+TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
+  KyoEffectProperties properties;
+  const std::string uri = "urn:sonto:test:uninstalled";
+  properties.component.assign(uri.begin(), uri.end());
+  properties.manufacturer = "Gone Audio";
+  properties.name = "Vanished Verb";
+  properties.displayName = "Hall";
+  properties.enabled = false;
+  properties.settings = "whatever the plugin kept";
+
+  {
+    LogCatcher log;
+    KyoError error;
+    EXPECT_EQ(KyoEffect::effectWithProperties(properties, &error), nullptr);
+    EXPECT_EQ(error.domain, kKyoEffectErrorDomain);
+    EXPECT_EQ(error.code, -2005);
+    EXPECT_TRUE(log.contains("Error: -2005 [")) << (log.lines().empty() ? "" : log.lines().front());
+    EXPECT_TRUE(log.contains(uri));
+  }
+  {
+    // Decoding keeps the effect standing, so that saving again loses nothing.
+    LogCatcher log;
+    auto effect = KyoEffect::effectWithCoder(properties);
+    ASSERT_NE(effect, nullptr);
+    EXPECT_EQ(effect->manufacturer(), "Gone Audio");
+    EXPECT_EQ(effect->displayName(), "Hall");
+    EXPECT_FALSE(effect->open());
+    EXPECT_EQ(effect->encode(), properties);
+
+    // A stream goes on without it.
+    KyoStream stream;
+    ASSERT_TRUE(stream.create());
+    ASSERT_TRUE(stream.open());
+    EXPECT_FALSE(stream.addEffect(effect.get()));
+    EXPECT_EQ(effect->stream(), nullptr);
+    EXPECT_TRUE(stream.initialize());
+    EXPECT_EQ(effect->encode(), properties);
+  }
+
+  // Broken saved forms: an unknown class, an empty component.
+  LogCatcher log;
+  KyoEffectProperties otherClass = properties;
+  otherClass.className = "NoSuchEffectClass";
+  EXPECT_EQ(KyoEffect::effectWithProperties(otherClass), nullptr);
+  EXPECT_TRUE(log.contains("NoSuchEffectClass"));
+  KyoEffectProperties empty;
+  EXPECT_EQ(KyoEffect::effectWithProperties(empty), nullptr);
+  EXPECT_EQ(KyoEffect::effectWithDescription(KyoAudioComponentDescription()), nullptr);
+
+  // Settings that are not a plugin state are refused, and the state is kept for later.
+  KyoEffectProperties garbled = KyoEffect::effectWithDescription(gainDescription())->properties();
+  garbled.settings = "@prefix nonsense";
+  auto effect = KyoEffect::effectWithProperties(garbled);
+  ASSERT_NE(effect, nullptr);
+  ASSERT_TRUE(effect->open());
+  EXPECT_FALSE(effect->setParameters());
+  EXPECT_TRUE(effect->state());
+}
+
+TEST(KyoEffect, BypassSilencesLatencyAndTailAndIsPostedOnlyOnChange) {
+  TestSignalSource source;
+  auto effect = liveEffect(gainDescription(), 48000.0, 1, source);
+  ASSERT_NE(effect, nullptr);
+  effect->setValue(-6.0f, kGainParameter);
+  int posted = 0;
+  KyoScopedObserver observer(KyoNotificationCenter::defaultCenter(), kKyoBypassChangedNotification,
+                             [&](const KyoNotification&) { ++posted; });
+
+  EXPECT_TRUE(effect->enabled());
+  effect->setEnabled(true);
+  EXPECT_EQ(posted, 0);
+  effect->setEnabled(false);
+  EXPECT_EQ(posted, 1);
+  effect->setEnabled(false);
+  EXPECT_EQ(posted, 1);
+  EXPECT_FALSE(effect->enabled());
+  EXPECT_EQ(effect->latency(), 0.0);
+  EXPECT_EQ(effect->tailTime(), 0.0);
+  expectGain(*effect, 1, 64, 0.0f);
+
+  // Bypass travels with the saved form.
+  KyoEffectProperties properties = effect->properties();
+  EXPECT_EQ(properties.enabled, false);
+  auto restored = KyoEffect::effectWithProperties(properties);
+  ASSERT_TRUE(restored && restored->open());
+  ASSERT_TRUE(restored->initialize());
+  ASSERT_TRUE(restored->setParameters());
+  EXPECT_FALSE(restored->enabled());
+  EXPECT_EQ(posted, 2);
+}
+
+TEST(KyoEffect, FactoryPresetsAreListedAndLoaded) {
+  auto effect = KyoEffect::effectWithDescription(gainDescription());
+  ASSERT_TRUE(effect && effect->open());
+  const std::vector<KyoEffectPreset> presets = effect->factoryPresets();
+  ASSERT_EQ(presets.size(), 2u);
+  EXPECT_EQ(presets[0].name, "Minus Six");
+  EXPECT_EQ(presets[1].name, "Plus Three");
+  ASSERT_TRUE(effect->setFactoryPreset(presets[1].number, presets[1].name));
+  EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), 3.0f);
+  EXPECT_EQ(effect->currentPresetName(), "Plus Three");
+  ASSERT_TRUE(effect->setFactoryPreset(presets[0].number, presets[0].name));
+  EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
+  EXPECT_FALSE(effect->setFactoryPreset(7, "No Such"));
+  EXPECT_FALSE(effect->setFactoryPreset(-1, "No Such"));
+  EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
+
+  // The preset's name comes back with the settings.
+  auto restored = KyoEffect::effectWithProperties(effect->properties());
+  ASSERT_TRUE(restored && restored->open());
+  ASSERT_TRUE(restored->setParameters());
+  EXPECT_EQ(restored->currentPresetName(), "Minus Six");
+
+  LogCatcher log;
+  EXPECT_FALSE(effect->setUserPreset("/nonexistent/folder/Nothing.ttl"));
+  EXPECT_TRUE(log.contains("The preset could not be loaded"));
+}
+
+TEST(KyoEffect, MDAPluginFromTheCatalogueRunsAndKeepsItsState) {
+  if (!haveMDAPlugins()) GTEST_SKIP() << "mda-lv2 is not installed";
+  const std::vector<KyoAudioComponentDescription> effects = KyoComponentDescriptionsOfType(kAudioUnitType_Effect);
+  auto found = std::find_if(effects.begin(), effects.end(),
+                            [](const KyoAudioComponentDescription& d) { return d.uri() == kMDAOverdriveURI; });
+  ASSERT_NE(found, effects.end());
+
+  TestSignalSource source;
+  auto effect = liveEffect(*found, 48000.0, 2, source);
+  ASSERT_NE(effect, nullptr);
+  EXPECT_EQ(effect->manufacturer(), "MDA LV2");
+  EXPECT_EQ(effect->name(), "MDA Overdrive");
+  const auto& menu = effect->parameterMenu();
+  ASSERT_FALSE(menu.empty());
+  std::vector<float> values;
+  for (const auto& [title, id] : menu) {
+    EXPECT_FALSE(title.empty());
+    values.push_back(0.25f + 0.5f * (float)(values.size() % 2));
+    effect->setValue(values.back(), id);
+  }
+  TestBufferList out(2, 512);
+  uint32_t flags = 0;
+  ASSERT_EQ(effect->render(&flags, nullptr, 0, 512, out.list()), 0);
+
+  auto restored = KyoEffect::effectWithProperties(effect->properties());
+  ASSERT_TRUE(restored && restored->open());
+  ASSERT_TRUE(restored->setParameters());
+  for (size_t i = 0; i < menu.size(); ++i) {
+    EXPECT_FLOAT_EQ(restored->valueForParameter(menu[i].second), values[i]) << menu[i].first;
+  }
+  // The same settings from fresh instances make the same sound.
+  TestSignalSource source1, source2;
+  auto a = KyoEffect::effectWithProperties(effect->properties());
+  auto b = KyoEffect::effectWithProperties(effect->properties());
+  for (auto* e : {&a, &b}) {
+    ASSERT_TRUE(*e && (*e)->open());
+    ASSERT_TRUE((*e)->setStreamFormat(KyoAudioStreamDescription(48000.0, 2)));
+    ASSERT_TRUE((*e)->setRenderCallback((e == &a ? source1 : source2).renderInfo()));
+    ASSERT_TRUE((*e)->initialize());
+    ASSERT_TRUE((*e)->setParameters());
+  }
+  TestBufferList outA(2, 512), outB(2, 512);
+  ASSERT_EQ(a->render(&flags, nullptr, 0, 512, outA.list()), 0);
+  ASSERT_EQ(b->render(&flags, nullptr, 0, 512, outB.list()), 0);
+  for (uint32_t c = 0; c < 2; ++c) {
+    for (uint32_t f = 0; f < 512; ++f) ASSERT_EQ(outA.channel(c)[f], outB.channel(c)[f]) << c << ":" << f;
+  }
+}
+
+TEST(KyoEffect, TailTimeFollowsThePluginClass) {
+  if (!haveMDAPlugins()) GTEST_SKIP() << "mda-lv2 is not installed";
+  struct Case {
+    const char* uri;
+    bool rings;
+  } cases[] = {
+      {"http://drobilla.net/plugins/mda/Ambience", true},
+      {kMDADelayURI, true},
+      {kMDAOverdriveURI, false},
+      {kGainURI, false},
+  };
+  for (const Case& c : cases) {
+    auto effect = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, c.uri));
+    ASSERT_TRUE(effect && effect->open()) << c.uri;
+    EXPECT_EQ(effect->tailTime() > 0.5, c.rings) << c.uri;
+    effect->setEnabled(false);
+    EXPECT_EQ(effect->tailTime(), 0.0) << c.uri;
+  }
+}
+
+TEST(KyoEffect, TheMenuGroupsEffectsByMakerAndScansOnce) {
+  {
+    LogCatcher log;
+    EXPECT_FALSE(KyoEffect::menuOfAllEffectsByManufacturer(nullptr));
+    EXPECT_TRUE(log.contains(
+        "Error: menuOfAllEffectsByManufacturerAddedTo received invalid mutable array for storing effects."));
+  }
+  KyoEffectStorage storage;
+  auto menu = KyoEffect::menuOfAllEffectsByManufacturer(&storage);
+  ASSERT_TRUE(menu);
+  EXPECT_EQ(menu->title, "Effects");
+  EXPECT_EQ(menu->firstItem, "Add effect...");
+  ASSERT_EQ(storage.size(), menu->submenus.size());
+  for (size_t i = 1; i < menu->submenus.size(); ++i) {
+    EXPECT_LE(strcasecmp(menu->submenus[i - 1].title.c_str(), menu->submenus[i].title.c_str()), 0);
+  }
+  const KyoEffectMenu::Item* gain = nullptr;
+  for (const auto& submenu : menu->submenus) {
+    for (const auto& item : submenu.items) {
+      EXPECT_EQ(item.effect->manufacturer(), submenu.title);
+      if (item.effect->componentDescription().uri() == kGainURI) gain = &item;
+      // Plugins that cannot be hosted are not offered.
+      EXPECT_NE(item.effect->componentDescription().uri(), kMissingBinaryURI);
+    }
+  }
+  ASSERT_NE(gain, nullptr);
+  EXPECT_EQ(gain->title, "Test Gain");
+
+  // The second call takes the effects from the storage: the very same objects.
+  auto again = KyoEffect::menuOfAllEffectsByManufacturer(&storage);
+  ASSERT_TRUE(again);
+  ASSERT_EQ(again->submenus.size(), menu->submenus.size());
+  for (size_t i = 0; i < menu->submenus.size(); ++i) {
+    ASSERT_EQ(again->submenus[i].items.size(), menu->submenus[i].items.size());
+    for (size_t j = 0; j < menu->submenus[i].items.size(); ++j) {
+      EXPECT_EQ(again->submenus[i].items[j].effect, menu->submenus[i].items[j].effect);
+    }
+  }
 }

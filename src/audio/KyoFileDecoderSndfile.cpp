@@ -100,7 +100,7 @@ class SndfileDecoder final : public KyoFileDecoder {
   }
 
   ~SndfileDecoder() override {
-    sf_close(m_file);
+    if (m_file) sf_close(m_file);
     ::close(m_fd);
   }
 
@@ -109,12 +109,15 @@ class SndfileDecoder final : public KyoFileDecoder {
   int64_t lengthInFrames() const override { return m_info.frames; }
 
   bool seek(int64_t frame) override {
+    // Some of libsndfile's decoders (FLAC among them) refuse every later seek once
+    // one has failed on damaged or missing data: start them afresh.
+    if (m_broken && !reopen()) return false;
     m_failedSeek = false;
     // A lossy decoder lands on the frame but its first output after a seek lacks
     // the previous packet's overlap: start earlier and decode forward to the frame.
     int64_t start = m_lossy ? std::max<int64_t>(0, frame - kLossySeekPrerollFrames) : frame;
     if (sf_seek(m_file, start, SEEK_SET) < 0) {
-      m_failedSeek = true;
+      m_failedSeek = m_broken = true;
       return false;
     }
     std::vector<float> scratch;
@@ -123,7 +126,7 @@ class SndfileDecoder final : public KyoFileDecoder {
       scratch.resize(size_t(step) * m_format.mChannelsPerFrame);
       sf_count_t got = sf_readf_float(m_file, scratch.data(), step);
       if (got <= 0) {
-        m_failedSeek = true;
+        m_failedSeek = m_broken = true;
         return false;
       }
       left -= got;
@@ -132,23 +135,36 @@ class SndfileDecoder final : public KyoFileDecoder {
   }
 
   uint32_t read(float* interleaved, uint32_t frames) override {
-    if (m_failedSeek) return 0;
+    if (m_failedSeek || !m_file) return 0;
     sf_count_t n = sf_readf_float(m_file, interleaved, frames);
     if (n <= 0) {
       int error = sf_error(m_file);
-      if (error != SF_ERR_NO_ERROR) KYO_LOG_STATUS_DETAIL(error, std::string(sf_strerror(m_file)));
+      if (error != SF_ERR_NO_ERROR) {
+        KYO_LOG_STATUS_DETAIL(error, std::string(sf_strerror(m_file)));
+        m_broken = true;
+      }
       return 0;
     }
     return uint32_t(n);
   }
 
  private:
+  bool reopen() {
+    if (m_file) sf_close(m_file);
+    SF_INFO info{};
+    m_file = ::lseek(m_fd, 0, SEEK_SET) == 0 ? sf_open_fd(m_fd, SFM_READ, &info, SF_FALSE) : nullptr;
+    m_broken = m_file == nullptr;
+    m_failedSeek = m_broken;
+    return !m_broken;
+  }
+
   int m_fd;
   SNDFILE* m_file;
   SF_INFO m_info;
   AudioStreamBasicDescription m_format;
   bool m_lossy = false;  // a compressed format whose decoder carries state across packets
   bool m_failedSeek = false;
+  bool m_broken = false;  // a seek or read failed: reopen before the next seek
 };
 
 }  // namespace

@@ -211,7 +211,8 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
   void _deviceChangedNotification(uint32_t objectID, uint32_t selector);
   void _fade(double duration, float finalVolume);
   std::shared_ptr<KyoMatrixMixer> currentMixer() const;
-  void closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released);
+  // Answers whether the device was open.
+  bool closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released);
   void reclaimUsedActions();
   static void freeActionList(KyoActionInfo* node);
   static void ioProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output,

@@ -60,8 +60,9 @@ bool KyoAudioDevice::open() {
 
   std::unique_lock<std::mutex> lock(m_engineMutex);
   KyoHALDeviceProperties p;
-  if (!readProperties(p, __PRETTY_FUNCTION__, __LINE__) || p.outputChannels == 0 || p.nominalSampleRate <= 0) {
-    if (p.outputChannels == 0) KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, description() + " has no outputs");
+  if (!readProperties(p, __PRETTY_FUNCTION__, __LINE__)) return false;
+  if (p.outputChannels == 0 || p.nominalSampleRate <= 0) {
+    KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, p.name + " has no outputs or no rate");
     return false;
   }
 
@@ -145,25 +146,28 @@ bool KyoAudioDevice::open() {
 
 void KyoAudioDevice::close() {
   std::vector<std::shared_ptr<KyoAudioAttachable>> released;
+  bool wasOpen;
   {
     std::lock_guard<std::mutex> lock(m_engineMutex);
-    closeLocked(released);
+    wasOpen = closeLocked(released);
   }
   // The attached objects simply lose their busses; they aren't told. Released here,
   // outside every lock, since a last release may come back to this device.
   released.clear();
+  // Only a real close is news: open() closes first, and a closed device may be closed again.
+  if (!wasOpen) return;
   if (auto* d = delegate()) d->audioDeviceDidClose(this);
 }
 
 // m_engineMutex held.
-void KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released) {
+bool KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released) {
   // Stop the cycles first: stopIO returns after the last callback, which takes
   // m_renderMutex, so it must not be held here yet.
   if (m_ioRunning.exchange(false)) {
     int32_t status = KyoHAL::shared().stopIO(m_deviceID);
     if (status != kKyoHALNoError && status != kKyoHALNotRunningError) KYO_LOG_STATUS(status);
   }
-  m_open.store(false);
+  const bool wasOpen = m_open.exchange(false);
   // A fade running now gives up at its next step, even if the device opens again.
   m_fadeIndex.fetch_add(1);
 
@@ -196,6 +200,7 @@ void KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>
   m_maximumFrames = 0;
   // The mixer goes when the last volume writer lets go of it.
   mixer.reset();
+  return wasOpen;
 }
 
 // --- Formats ---

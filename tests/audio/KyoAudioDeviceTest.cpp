@@ -1,0 +1,334 @@
+// The render engine of an output device, on the offline device: cycles are pulled by
+// hand, so every expectation is about exact frames.
+
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "KyoAudioDeviceTestSupport.h"
+#include "foundation/KyoLog.h"
+
+using sonto::test::OfflineDevice;
+using sonto::test::TestSource;
+
+namespace {
+
+constexpr uint32_t kFrames = 128;
+
+// Collects log lines while it lives.
+class LogCapture {
+ public:
+  LogCapture() {
+    KyoSetLogSink([this](const std::string& line) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_lines.push_back(line);
+    });
+  }
+  ~LogCapture() { KyoSetLogSink(nullptr); }
+  bool contains(const std::string& text) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto& l : m_lines)
+      if (l.find(text) != std::string::npos) return true;
+    return false;
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::string> m_lines;
+};
+
+class AudioDeviceEngine : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(dev.device && dev.device->open()); }
+
+  std::shared_ptr<TestSource> attach(std::vector<uint32_t> channels,
+                                     TestSource::Signal signal = TestSource::Signal::Ramp, float value = 1.0f) {
+    auto s = std::make_shared<TestSource>(dev.device.get(), std::move(channels), signal, value);
+    EXPECT_TRUE(dev.device->_attachAudio(s));
+    return s;
+  }
+
+  OfflineDevice dev{4, 48000.0, kFrames};
+};
+
+// --- Timing of actions ---
+
+TEST_F(AudioDeviceEngine, ABatchSoundsWholeFromTheFirstFrameOfTheNextCycle) {
+  auto a = attach({0});
+  auto b = attach({1});
+  auto c = attach({2});
+  ASSERT_EQ(dev.pull(3), 0);
+
+  dev.device->startSyncedActions();
+  dev.device->performAction<&TestSource::_play>(a.get());
+  dev.device->performAction<&TestSource::_play>(b.get());
+  // Collected but not handed over: a cycle now must not start anything.
+  ASSERT_EQ(dev.pull(1), 0);
+  EXPECT_FALSE(a->playing());
+  dev.device->performAction<&TestSource::_play>(c.get());
+  EXPECT_TRUE(dev.device->_batchIsOpen());
+  dev.device->endSyncedActions();
+  EXPECT_FALSE(dev.device->_batchIsOpen());
+  ASSERT_EQ(dev.pull(2), 0);
+
+  auto rec = dev.recording();
+  const size_t start = 4 * kFrames;
+  for (uint32_t ch = 0; ch < 3; ++ch) {
+    ASSERT_EQ(rec[ch].size(), 6 * kFrames);
+    for (size_t i = 0; i < start; ++i) ASSERT_EQ(rec[ch][i], 0.0f) << "channel " << ch << " frame " << i;
+    // The ramp is 1 at a source's first played frame: all three start on the same sample.
+    for (size_t i = start; i < rec[ch].size(); ++i)
+      ASSERT_EQ(rec[ch][i], float(i - start + 1)) << "channel " << ch << " frame " << i;
+  }
+  for (float v : rec[3]) ASSERT_EQ(v, 0.0f);
+}
+
+TEST_F(AudioDeviceEngine, ActionsWithoutABatchRunAtOnceAndLandInTheNextCycle) {
+  auto a = attach({0});
+  ASSERT_EQ(dev.pull(2), 0);
+  dev.device->performAction<&TestSource::_play>(a.get());
+  EXPECT_TRUE(a->playing());
+  ASSERT_EQ(dev.pull(1), 0);
+  auto rec = dev.recording();
+  for (size_t i = 0; i < 2 * kFrames; ++i) ASSERT_EQ(rec[0][i], 0.0f);
+  for (size_t i = 0; i < kFrames; ++i) ASSERT_EQ(rec[0][2 * kFrames + i], float(i + 1));
+}
+
+TEST_F(AudioDeviceEngine, BatchesRunInOrderAndAStopAndStartInOneBatchLeavesItPlaying) {
+  auto a = attach({0});
+  dev.device->startSyncedActions();
+  dev.device->performAction<&TestSource::_play>(a.get());
+  dev.device->performAction<&TestSource::_stop>(a.get());
+  dev.device->performAction<&TestSource::_play>(a.get());
+  dev.device->endSyncedActions();
+  // A second batch handed over before the cycle runs after the first.
+  dev.device->startSyncedActions();
+  dev.device->performAction<&TestSource::_stop>(a.get());
+  dev.device->endSyncedActions();
+  ASSERT_EQ(dev.pull(1), 0);
+  EXPECT_FALSE(a->playing());
+  auto rec = dev.recording();
+  for (float v : rec[0]) ASSERT_EQ(v, 0.0f);
+}
+
+TEST_F(AudioDeviceEngine, ClosingDropsAPendingBatchAndAnOpenOneStartsNothing) {
+  auto a = attach({0});
+  dev.device->startSyncedActions();
+  dev.device->performAction<&TestSource::_play>(a.get());
+  dev.device->endSyncedActions();
+  dev.device->startSyncedActions();
+  dev.device->performAction<&TestSource::_play>(a.get());
+  dev.device->close();
+  EXPECT_FALSE(a->playing());
+  EXPECT_FALSE(dev.device->_batchIsOpen());
+  EXPECT_EQ(dev.pull(1), kKyoHALNotRunningError);
+}
+
+// --- Busses ---
+
+TEST_F(AudioDeviceEngine, FiveHundredBussesThenARefusalAndAFreedBusIsReusedFirst) {
+  std::vector<std::shared_ptr<TestSource>> sources;
+  for (uint32_t i = 0; i < kKyoBusCount; ++i) {
+    sources.push_back(std::make_shared<TestSource>(dev.device.get(), std::vector<uint32_t>{0}));
+    ASSERT_TRUE(dev.device->_attachAudio(sources.back())) << i;
+    ASSERT_EQ(dev.device->_busOfAudio(sources.back().get()), i);
+  }
+  EXPECT_EQ(dev.device->_freeBusCount(), 0u);
+
+  auto extra = std::make_shared<TestSource>(dev.device.get(), std::vector<uint32_t>{0});
+  {
+    LogCapture log;
+    EXPECT_FALSE(dev.device->_attachAudio(extra));
+    EXPECT_TRUE(log.contains("No busses left for device"));
+  }
+  EXPECT_FALSE(dev.device->_busOfAudio(extra.get()));
+
+  dev.device->_detachAudio(sources[123].get());
+  dev.device->_detachAudio(sources[7].get());
+  EXPECT_FALSE(dev.device->_busOfAudio(sources[7].get()));
+  EXPECT_EQ(dev.device->_freeBusCount(), 2u);
+  ASSERT_TRUE(dev.device->_attachAudio(extra));
+  EXPECT_EQ(dev.device->_busOfAudio(extra.get()), 7u);  // the last freed
+  ASSERT_TRUE(dev.device->_attachAudio(sources[7]));
+  EXPECT_EQ(dev.device->_busOfAudio(sources[7].get()), 123u);
+  // All 500 render in a cycle without trouble.
+  ASSERT_EQ(dev.pull(1), 0);
+  EXPECT_EQ(sources[0]->renders(), 1u);
+  EXPECT_EQ(extra->renders(), 1u);
+}
+
+TEST_F(AudioDeviceEngine, AttachingTwiceKeepsOneBusAndDetachingTwiceIsHarmless) {
+  auto a = attach({0});
+  const size_t freeBusses = dev.device->_freeBusCount();
+  EXPECT_TRUE(dev.device->_attachAudio(a));
+  EXPECT_EQ(dev.device->_freeBusCount(), freeBusses);
+  ASSERT_EQ(dev.pull(1), 0);
+  EXPECT_EQ(a->renders(), 1u);  // one bus, one pull per cycle
+  dev.device->_detachAudio(a.get());
+  dev.device->_detachAudio(a.get());
+  dev.device->_detachAudio(nullptr);
+  EXPECT_EQ(dev.device->_freeBusCount(), size_t(kKyoBusCount));
+  ASSERT_EQ(dev.pull(1), 0);
+  EXPECT_EQ(a->renders(), 1u);  // a detached bus isn't pulled
+}
+
+TEST_F(AudioDeviceEngine, AttachRefusesAClosedDeviceAnotherDevicesSourceAndNull) {
+  OfflineDevice other{2, 48000.0, kFrames};
+  auto foreign = std::make_shared<TestSource>(other.device.get(), std::vector<uint32_t>{0});
+  {
+    LogCapture log;
+    EXPECT_FALSE(dev.device->_attachAudio(foreign));
+    EXPECT_TRUE(log.contains("is not the assigned device for"));
+  }
+  EXPECT_FALSE(dev.device->_attachAudio(nullptr));
+  auto mine = std::make_shared<TestSource>(dev.device.get(), std::vector<uint32_t>{0});
+  dev.device->close();
+  LogCapture log;
+  EXPECT_FALSE(dev.device->_attachAudio(mine));
+  EXPECT_TRUE(log.contains("is not open"));
+  EXPECT_FALSE(dev.device->_outFeedFormat());
+  EXPECT_EQ(dev.device->_maximumFramesPerSlice(), 0u);
+}
+
+TEST_F(AudioDeviceEngine, FeedFormatIsFortyEightChannelsAtTheDeviceRate) {
+  auto format = dev.device->_outFeedFormat();
+  ASSERT_TRUE(format);
+  EXPECT_EQ(format->channels(), kKyoLogicalChannels);
+  EXPECT_EQ(format->sampleRate(), 48000.0);
+  EXPECT_GE(dev.device->_maximumFramesPerSlice(), kFrames);
+  EXPECT_FALSE(dev.device->_inFeedFormat());  // no input on this device
+}
+
+// --- Levels ---
+
+struct LevelCase {
+  const char* name;
+  uint32_t row, column;  // setVolume addressing
+  float volume;
+  float expected0, expected1;  // device channels 0 and 1 for a constant 0.5 on logical channel 0
+};
+
+class AudioDeviceLevels : public AudioDeviceEngine, public ::testing::WithParamInterface<LevelCase> {};
+
+TEST_P(AudioDeviceLevels, SetVolumeAddressesEveryStageToTheSample) {
+  const LevelCase& c = GetParam();
+  // Two sources on two busses: logical channel volumes hold on every bus.
+  auto a = attach({0}, TestSource::Signal::Constant, 0.25f);
+  auto b = attach({0}, TestSource::Signal::Constant, 0.25f);
+  a->_play();
+  b->_play();
+  dev.device->setCrosspointVolume(0.5f, 0, 1);  // logical 0 also to device 1 at half
+  dev.device->setVolume(c.volume, c.row, c.column);
+  ASSERT_EQ(dev.pull(2), 0);
+  auto rec = dev.recording();
+  for (size_t i = 0; i < rec[0].size(); ++i) {
+    ASSERT_FLOAT_EQ(rec[0][i], c.expected0) << c.name << " frame " << i;
+    ASSERT_FLOAT_EQ(rec[1][i], c.expected1) << c.name << " frame " << i;
+    ASSERT_EQ(rec[2][i], 0.0f);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stages, AudioDeviceLevels,
+                         ::testing::Values(LevelCase{"defaults", 0, 0, 1.0f, 0.5f, 0.25f},
+                                           LevelCase{"master", 0, 0, 0.5f, 0.25f, 0.125f},
+                                           LevelCase{"output 1", 0, 2, 0.25f, 0.5f, 0.0625f},
+                                           LevelCase{"input 0", 1, 0, 0.5f, 0.25f, 0.125f},
+                                           LevelCase{"input 1 (unused)", 2, 0, 0.0f, 0.5f, 0.25f},
+                                           LevelCase{"crosspoint 0 to 0", 1, 1, 0.125f, 0.0625f, 0.25f},
+                                           LevelCase{"crosspoint 0 to 1 off", 1, 2, 0.0f, 0.5f, 0.0f}),
+                         [](const auto& info) {
+                           std::string n = info.param.name;
+                           for (char& ch : n)
+                             if (!isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                           return n;
+                         });
+
+TEST_F(AudioDeviceEngine, SilentVolumesSilenceAndDefaultsRestoreTheDiagonal) {
+  auto a = attach({0, 1, 2, 3}, TestSource::Signal::Constant, 0.5f);
+  a->_play();
+  dev.device->setSilentVolumes();
+  EXPECT_EQ(dev.device->masterVolume(), 0.0f);
+  ASSERT_EQ(dev.pull(1), 0);
+  for (auto& ch : dev.recording())
+    for (float v : ch) ASSERT_EQ(v, 0.0f);
+  dev.clear();
+  dev.device->setDefaultVolumes();
+  ASSERT_EQ(dev.pull(1), 0);
+  for (auto& ch : dev.recording())
+    for (float v : ch) ASSERT_EQ(v, 0.5f);
+}
+
+TEST_F(AudioDeviceEngine, ALogicalChannelBeyondTheDeviceIsHeardOnlyThroughACrosspoint) {
+  auto a = attach({40}, TestSource::Signal::Constant, 0.5f);
+  a->_play();
+  ASSERT_EQ(dev.pull(1), 0);
+  for (auto& ch : dev.recording())
+    for (float v : ch) ASSERT_EQ(v, 0.0f);
+  dev.clear();
+  dev.device->setVolume(1.0f, 41, 4);  // logical 40 to device 3
+  ASSERT_EQ(dev.pull(1), 0);
+  auto rec = dev.recording();
+  for (float v : rec[3]) ASSERT_EQ(v, 0.5f);
+  for (float v : rec[0]) ASSERT_EQ(v, 0.0f);
+}
+
+TEST_F(AudioDeviceEngine, VolumesOnAClosedDeviceAreIgnoredAndReadAsZero) {
+  dev.device->close();
+  dev.device->setMasterVolume(0.5f);
+  dev.device->setVolume(0.5f, 3, 3);
+  EXPECT_EQ(dev.device->masterVolume(), 0.0f);
+  EXPECT_EQ(dev.device->outPostPeakHoldLevelAtChannel(0), 0.0f);
+  // Reopening starts from the defaults again.
+  ASSERT_TRUE(dev.device->open());
+  EXPECT_EQ(dev.device->masterVolume(), 1.0f);
+}
+
+// --- Live input ---
+
+TEST(AudioDeviceInput, TheInputBlockOfACycleIsReadableByASourceInThatCycle) {
+  OfflineDevice dev{2, 48000.0, kFrames, 2};
+  dev.device->setEnableInput(true);
+  ASSERT_TRUE(dev.device->open());
+  auto format = dev.device->_inFeedFormat();
+  ASSERT_TRUE(format);
+  EXPECT_EQ(format->channels(), 2u);
+
+  // A source that plays what the device reads from its input on logical channels 0 and 1.
+  struct Echo : TestSource {
+    using TestSource::TestSource;
+    // Render records call the class they name, without virtual dispatch.
+    void registerRenderInfo(KyoRenderInfo* info) override { KyoRegisterRenderInfo(this, info); }
+    int32_t render(uint32_t* flags, const KyoAudioTimeStamp* ts, uint32_t bus, uint32_t frames,
+                   AudioBufferList* data) override {
+      TestSource::render(flags, ts, bus, frames, data);
+      AudioBufferList* two = KyoAudioBufferListCreate(2, frames, false);  // test only: not a real-time source
+      device()->readFrames(frames, two, 0);
+      for (uint32_t c = 0; c < 2; ++c) {
+        data->mBuffers[c].mDataByteSize = frames * sizeof(float);
+        std::copy_n(static_cast<float*>(two->mBuffers[c].mData), frames, static_cast<float*>(data->mBuffers[c].mData));
+      }
+      KyoAudioBufferListFree(two);
+      *flags &= ~kKyoRenderAction_OutputIsSilence;
+      return 0;
+    }
+  };
+  auto echo = std::make_shared<Echo>(dev.device.get(), std::vector<uint32_t>{});
+  ASSERT_TRUE(dev.device->_attachAudio(echo));
+  std::vector<std::vector<float>> input(2, std::vector<float>(2 * kFrames));
+  for (size_t i = 0; i < 2 * kFrames; ++i) {
+    input[0][i] = float(i) / 1024.0f;
+    input[1][i] = -float(i) / 1024.0f;
+  }
+  KyoHAL::shared().setOfflineInput(dev.id, input);
+  ASSERT_EQ(dev.pull(3), 0);
+  auto rec = dev.recording();
+  for (size_t i = 0; i < 2 * kFrames; ++i) {
+    ASSERT_EQ(rec[0][i], input[0][i]) << i;
+    ASSERT_EQ(rec[1][i], input[1][i]) << i;
+  }
+  for (size_t i = 2 * kFrames; i < 3 * kFrames; ++i) ASSERT_EQ(rec[0][i], 0.0f);
+}
+
+}  // namespace

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -124,6 +125,84 @@ TEST_F(AudioDeviceEngine, ClosingDropsAPendingBatchAndAnOpenOneStartsNothing) {
   EXPECT_FALSE(a->playing());
   EXPECT_FALSE(dev.device->_batchIsOpen());
   EXPECT_EQ(dev.pull(1), kKyoHALNotRunningError);
+  // With the batch gone an action acts at once; ending a batch that isn't there changes nothing.
+  dev.device->performAction<&TestSource::_play>(a.get());
+  EXPECT_TRUE(a->playing());
+  dev.device->endSyncedActions();
+  EXPECT_FALSE(dev.device->_batchIsOpen());
+}
+
+// A send: one bus of the device for all the sources that play through it.
+class FakeSend : public KyoAudioSending {
+ public:
+  explicit FakeSend(KyoAudioDevice* device) : m_device(device) {}
+  KyoAudioDevice* device() const override { return m_device; }
+  std::string description() const override { return "[fake send]"; }
+  void registerRenderInfo(KyoRenderInfo* info) override { KyoRegisterRenderInfo(this, info); }
+  int32_t render(uint32_t* flags, const KyoAudioTimeStamp*, uint32_t, uint32_t frames, AudioBufferList* data) override {
+    for (uint32_t c = 0; c < data->mNumberBuffers; ++c)
+      std::fill_n(static_cast<float*>(data->mBuffers[c].mData), frames, 0.0f);
+    *flags |= kKyoRenderAction_OutputIsSilence;
+    return 0;
+  }
+  bool _attachAudio(const std::shared_ptr<KyoAudioAttachable>& audio) override {
+    if (refuse) return false;
+    for (auto* a : m_attached)
+      if (a == audio.get()) return true;
+    m_attached.push_back(audio.get());
+    return true;
+  }
+  void _detachAudio(KyoAudioAttachable* audio) override { std::erase(m_attached, audio); }
+  bool hasAudioAttached() const override { return !m_attached.empty(); }
+  bool refuse = false;
+
+ private:
+  KyoAudioDevice* m_device;
+  std::vector<KyoAudioAttachable*> m_attached;
+};
+
+class SentSource : public TestSource {
+ public:
+  SentSource(KyoAudioDevice* device, std::shared_ptr<FakeSend> send) : TestSource(device, {0}), m_send(std::move(send)) {}
+  std::shared_ptr<KyoAudioSending> send() const override { return m_send; }
+
+ private:
+  std::shared_ptr<FakeSend> m_send;
+};
+
+TEST_F(AudioDeviceEngine, SourcesOnASendShareItsBusUntilTheLastOneLeaves) {
+  auto send = std::make_shared<FakeSend>(dev.device.get());
+  auto a = std::make_shared<SentSource>(dev.device.get(), send);
+  auto b = std::make_shared<SentSource>(dev.device.get(), send);
+  ASSERT_TRUE(dev.device->_attachAudio(a));
+  ASSERT_TRUE(dev.device->_attachAudio(b));
+  EXPECT_EQ(dev.device->_freeBusCount(), size_t(kKyoBusCount - 1));
+  EXPECT_EQ(dev.device->_busOfAudio(send.get()), 0u);
+  EXPECT_FALSE(dev.device->_busOfAudio(a.get()));  // the send holds the bus, not the source
+  dev.device->_detachAudio(a.get());
+  EXPECT_EQ(dev.device->_busOfAudio(send.get()), 0u);
+  dev.device->_detachAudio(b.get());
+  EXPECT_FALSE(dev.device->_busOfAudio(send.get()));
+  EXPECT_EQ(dev.device->_freeBusCount(), size_t(kKyoBusCount));
+
+  LogCapture log;
+  send->refuse = true;
+  EXPECT_FALSE(dev.device->_attachAudio(a));
+  EXPECT_TRUE(log.contains("could not attach"));
+  OfflineDevice other{2, 48000.0, kFrames};
+  auto elsewhere = std::make_shared<SentSource>(dev.device.get(), std::make_shared<FakeSend>(other.device.get()));
+  EXPECT_FALSE(dev.device->_attachAudio(elsewhere));
+  EXPECT_TRUE(log.contains("is not the assigned device for send"));
+}
+
+TEST_F(AudioDeviceEngine, DisengageAtZeroClosesAndBusFiveHundredIsNoBus) {
+  EXPECT_EQ(dev.device->_setEnabled(true, kKyoBusCount), 0);
+  EXPECT_EQ(dev.device->engaged(), 0);
+  dev.device->disengage();
+  EXPECT_FALSE(dev.device->isOpen());
+  EXPECT_EQ(dev.device->engaged(), 0);
+  dev.device->engage();
+  EXPECT_TRUE(dev.device->isOpen());
 }
 
 // --- Busses ---

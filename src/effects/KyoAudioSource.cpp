@@ -108,6 +108,8 @@ void KyoAudioSource::_updateStream() {
   // A cue whose file is missing stays silent rather than playing the live input.
   const std::optional<KyoAudioStreamDescription>& feed = m_alias ? fileFormat : inFeed;
   const bool canBuild = m_device && feed && target && feed->channels() > 0;
+  // Asked here: the device's locks come before this source's, never inside them.
+  const uint32_t maximumFrames = m_device ? m_device->_maximumFramesPerSlice() : 0;
 
   std::optional<KyoAudioStreamDescription> newFormat;
   std::shared_ptr<KyoAudioMetaBuffer> newBuffer;
@@ -118,7 +120,11 @@ void KyoAudioSource::_updateStream() {
     if (m_alias) {
       std::vector<KyoSliceDescription> keptSlices = m_buffer ? m_buffer->slices() : std::vector<KyoSliceDescription>{};
       newBuffer = KyoAudioMetaBuffer::create(m_alias, newFormat);
-      if (newBuffer && !keptSlices.empty()) newBuffer->setSlices(keptSlices);
+      // The position isn't carried over: the new player starts at the head of its playlist.
+      if (newBuffer && !keptSlices.empty()) {
+        newBuffer->setSlices(keptSlices);
+        newBuffer->goToTime(0.0);
+      }
     }
   }
 
@@ -179,7 +185,6 @@ void KyoAudioSource::_updateStream() {
         const uint32_t metering = 1;
         unit->setProperty(kKyoAudioUnitProperty_MeteringMode, kKyoAudioUnitScope_Global, 0, &metering,
                           sizeof metering);
-        const uint32_t maximumFrames = m_device->_maximumFramesPerSlice();
         if (maximumFrames > 0) unit->setMaximumFramesPerSlice(maximumFrames);
       }
 

@@ -139,6 +139,28 @@ INSTANTIATE_TEST_SUITE_P(Shapes, SourcePlayTest,
                                            PlayCase{"monoBoth48k333", 48000, 333, 1, 0.5f, true}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST(KyoAudioSource, SlicesSurviveARebuildAndPlayFromTheirFirstFrame) {
+  Device d(2, 48000, 128);
+  auto source = loadedSource(d, rampFile("slices.wav", 48000, 2, 48000));
+  source->setSlices({{0.1, 0.25, 2}});
+  source->setMasterVolume(0.5f);
+  source->setEffects({});  // a rebuild: new player, same slices, same levels
+  ASSERT_EQ(source->slices().size(), 1u);
+  EXPECT_DOUBLE_EQ(source->slices()[0].startTime, 0.1);
+  EXPECT_EQ(source->slices()[0].playCount, 2);
+  EXPECT_FLOAT_EQ(source->masterVolume(), 0.5f);
+  waitUntilReady(*source);
+  source->play();
+  d.clear();
+  d.pull(130);
+  auto rec = d.recording();
+  // Two passes of frames 4800 to 11999, seamless, then silence.
+  for (size_t i = 0; i < rec[0].size(); ++i) {
+    const float expected = i < 14400 ? rampSample(4800 + int64_t(i % 7200), 0) * 0.5f : 0.0f;
+    ASSERT_EQ(rec[0][i], expected) << i;
+  }
+}
+
 TEST(KyoAudioSource, VolumesAndRoutingOnTheSourcesMixer) {
   Device d(2, 48000, 128);
   auto source = loadedSource(d, rampFile("levels.wav", 48000, 2, 48000));

@@ -172,4 +172,21 @@ TEST(AudioDeviceMeters, AClippingSampleShowsAboveZeroDecibels) {
   EXPECT_EQ(dev.device->outPostAveragePowerAtChannel(5), 0.0f);
 }
 
+TEST(AudioDevicePrint, TheMatrixPrintsAsARowPerInputChannelThenTheOutputs) {
+  OfflineDevice dev{3, 48000.0, 64};
+  dev.device->printVolumes();  // closed: prints nothing, no crash
+  ASSERT_TRUE(dev.device->open());
+  dev.device->setMasterVolume(0.5f);
+  dev.device->setVolume(0.25f, 2, 3);  // logical 1 to device 2, on every bus
+  ::testing::internal::CaptureStdout();
+  dev.device->printVolumes();
+  const std::string out = ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(out.rfind("\n\tInput Channels = 24000, Output Channels = 3\n\tGlobal Volume: 0.500\n", 0), 0u);
+  size_t lines = 0;
+  for (char c : out) lines += c == '\n';
+  EXPECT_EQ(lines, 3u + 24000u + 1u);
+  EXPECT_NE(out.find("\t1.000   (1.000) (0.000) (0.000) \n\t1.000   (0.000) (1.000) (0.250) \n"), std::string::npos);
+  EXPECT_NE(out.find("\t         1.000   1.000   1.000  \n"), std::string::npos);
+}
+
 }  // namespace

@@ -25,14 +25,6 @@ int64_t floorDiv(int64_t a, int64_t b) {  // b > 0
   return (a % b != 0 && a < 0) ? q - 1 : q;
 }
 
-// Seconds to frames, truncated toward zero and clamped to what a frame position holds.
-int64_t framesFromSeconds(double seconds, double rate) {
-  double frames = seconds * rate;
-  if (!(frames > 0)) return 0;
-  if (frames >= 9.223372036854775807e18) return std::numeric_limits<int64_t>::max();
-  return int64_t(frames);
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -114,7 +106,7 @@ KyoAudioMetaBuffer::DeadStreams KyoAudioMetaBuffer::_destroyBuffers() {
 
 void KyoAudioMetaBuffer::installWholeFile() {
   double rate = m_format.sampleRate();
-  m_slices.assign(1, KyoSlice{0, m_fileEndTime, 0, int64_t(m_fileEndTime * rate), 1, 1});
+  m_slices.assign(1, KyoSlice{0, m_fileEndTime, 0, KyoFramesFromSeconds(m_fileEndTime, rate), 1, 1});
   m_totalSliceTime = m_fileEndTime;
 }
 
@@ -135,7 +127,8 @@ void KyoAudioMetaBuffer::setSlices(const std::vector<KyoSliceDescription>& entri
   fresh.reserve(entries.size());
   double total = 0;
   for (const KyoSliceDescription& e : entries) {
-    fresh.push_back(KyoSlice{e.startTime, e.endTime, int64_t(e.startTime * rate), int64_t(e.endTime * rate),
+    fresh.push_back(KyoSlice{e.startTime, e.endTime, KyoFramesFromSeconds(e.startTime, rate),
+                             KyoFramesFromSeconds(e.endTime, rate),
                              int64_t(e.playCount), int64_t(e.playCount)});
     // An endless slice counts once in the playing length.
     total += (e.endTime - e.startTime) * double(e.playCount < 0 ? 1 : e.playCount);
@@ -167,14 +160,17 @@ std::vector<KyoSliceDescription> KyoAudioMetaBuffer::slices() {
 
 void KyoAudioMetaBuffer::goToTime(double seconds) {
   m_mutex.lock();
-  // Nothing has moved since the streams were built for the start: keep them.
-  if (seconds == 0 && m_totalFramesRead.load() == 0 && !m_stateChanged) {
+  // A seek to 0 that would change nothing keeps the streams already built for the
+  // start, so that a cue's first start finds them full. Decided on the state itself
+  // rather than on whether the tending thread has acted since the last playlist:
+  // that would leave the position before a new first slice when the thread wins.
+  if (seconds == 0 && isAtStart()) {
     m_mutex.unlock();
     return;
   }
   DeadStreams dead = _destroyBuffers();
   for (KyoSlice& s : m_slices) s.remainingPlays = s.playCount;
-  int64_t frames = framesFromSeconds(seconds, m_format.sampleRate());
+  int64_t frames = KyoFramesFromSeconds(seconds, m_format.sampleRate());
   m_totalFramesRead.store(frames);
   m_totalFramesReadSansInfLoops = 0;
   m_elapsedLogicalFrame.store(0);
@@ -188,6 +184,16 @@ void KyoAudioMetaBuffer::goToTime(double seconds) {
   pthread_cond_signal(&m_condition);
   m_mutex.unlock();
   dead.kill();
+}
+
+bool KyoAudioMetaBuffer::isAtStart() const {
+  if (m_totalFramesRead.load() != 0 || m_totalFramesReadSansInfLoops != 0 || m_elapsedLogicalFrame.load() != 0 ||
+      m_isFinished.load())
+    return false;
+  if (m_playbackFrame.load() != (m_slices.empty() ? 0 : m_slices.front().startFrame)) return false;
+  for (const KyoSlice& s : m_slices)
+    if (s.remainingPlays != s.playCount) return false;
+  return true;
 }
 
 void KyoAudioMetaBuffer::devamp() {
@@ -249,6 +255,26 @@ bool KyoAudioMetaBuffer::isReadyToPlay() {
   if (m_bufferA && !m_bufferA->isFilled()) return false;
   if (m_bufferB && !m_bufferB->isFilled()) return false;
   return true;
+}
+
+namespace {
+// The stream can hand over frames now, or has all it will ever have.
+bool holds(KyoAudioBuffer* stream, uint32_t frames) {
+  return stream->count() >= frames || stream->isFilled() || stream->isFinished();
+}
+}  // namespace
+
+bool KyoAudioMetaBuffer::isReadyToRead(uint32_t frames) {
+  KyoMutexLocker lock(m_mutex);
+  if (m_isFinished.load()) return true;
+  size_t next = nextLoopSlice();
+  uint32_t toBoundary = framesToBoundary(next);
+  if (toBoundary == 0) return true;
+  if (!m_playbackBuffer || !holds(m_playbackBuffer, std::min(frames, toBoundary))) return false;
+  if (frames <= toBoundary || next >= m_slices.size()) return true;
+  KyoAudioBuffer* spare = m_playbackBuffer == m_bufferA.get() ? (m_killB ? nullptr : m_bufferB.get())
+                                                              : (m_killA ? nullptr : m_bufferA.get());
+  return spare && holds(spare, frames - toBoundary);
 }
 
 // ---------------------------------------------------------------------------
@@ -345,63 +371,66 @@ uint32_t KyoAudioMetaBuffer::readFromPlayback(uint32_t frames, AudioBufferList* 
   const KyoReadFramesInfo& info = m_playbackBuffer == m_bufferA.get() ? m_bufferAReadInfo : m_bufferBReadInfo;
   uint32_t got = info.method ? info.method(info.target, frames, list, offset) : 0;
   if (got < frames) {
-    if (!m_playbackBuffer->isFinished())
-      m_totalDroppedFrames = uint32_t(std::min<uint64_t>(uint64_t(m_totalDroppedFrames) + (frames - got), UINT32_MAX));
+    if (!m_playbackBuffer->isFinished()) countDroppedFrames(frames - got);
     KyoAudioBufferListSilence(list, offset + got, frames - got);
   }
   return got;
 }
 
+void KyoAudioMetaBuffer::countDroppedFrames(uint32_t frames) {
+  m_totalDroppedFrames = uint32_t(std::min<uint64_t>(uint64_t(m_totalDroppedFrames) + frames, UINT32_MAX));
+}
+
 uint32_t KyoAudioMetaBuffer::readFrames(uint32_t frames, AudioBufferList* list, uint32_t /*offset*/) {
   m_mutex.lock();
-  auto countDropped = [this](uint32_t n) {
-    m_totalDroppedFrames = uint32_t(std::min<uint64_t>(uint64_t(m_totalDroppedFrames) + n, UINT32_MAX));
-  };
-
   if (m_isFinished.load(std::memory_order_relaxed)) {
     KyoAudioBufferListSilence(list, 0, frames);
+  } else if (framesToBoundary(nextLoopSlice()) == 0) {
+    // The playlist played out on the previous call.
+    m_isFinished.store(true);
+    m_timeWeNoticedWeWereFinished.store(KyoWallClockSeconds());
+    KyoAudioBufferListSilence(list, 0, frames);
   } else {
-    size_t next = nextLoopSlice();
-    uint32_t toBoundary = framesToBoundary(next);
-    if (toBoundary == 0) {
-      m_isFinished.store(true);
-      m_timeWeNoticedWeWereFinished.store(KyoWallClockSeconds());
-      KyoAudioBufferListSilence(list, 0, frames);
-    } else if (!m_playbackBuffer) {
-      countDropped(frames);
-      KyoAudioBufferListSilence(list, 0, frames);
-    } else {
-      uint32_t want = std::min(frames, toBoundary);
-      readFromPlayback(want, list, 0);
-      if (want == toBoundary) {
-        // The stream has done its work: the spare, standing at the jump's target, takes over.
-        if (m_playbackBuffer == m_bufferA.get()) {
-          m_killA = true;
-          m_playbackBuffer = m_killB ? nullptr : m_bufferB.get();
-        } else {
-          m_killB = true;
-          m_playbackBuffer = m_killA ? nullptr : m_bufferA.get();
-        }
-        m_stateChanged = true;
-        pthread_cond_signal(&m_condition);
+    // One piece per boundary inside the request. A request up to a loop's length
+    // is at most two reads: up to the boundary from the playing stream, the rest
+    // from the spare that waits at the jump's target. A longer one meets a second
+    // boundary with no stream standing there; its rest is counted silence, so
+    // that what is delivered never falls out of step with the position.
+    uint32_t done = 0;
+    while (done < frames) {
+      size_t next = nextLoopSlice();
+      uint32_t toBoundary = framesToBoundary(next);
+      uint32_t rest = frames - done;
+      if (toBoundary == 0) {
+        KyoAudioBufferListSilence(list, done, rest);  // the playlist ends inside this request
+        break;
       }
-      if (want != frames) {
-        uint32_t rest = frames - want;
-        if (next >= m_slices.size()) {
-          KyoAudioBufferListSilence(list, want, rest);  // the playlist ends here
-        } else if (!m_playbackBuffer) {
-          countDropped(rest);
-          KyoAudioBufferListSilence(list, want, rest);
-        } else {
-          readFromPlayback(rest, list, want);
+      uint32_t want = std::min(rest, toBoundary);
+      if (!m_playbackBuffer) {
+        countDroppedFrames(want);
+        KyoAudioBufferListSilence(list, done, want);
+      } else {
+        readFromPlayback(want, list, done);
+        if (want == toBoundary) {
+          // The stream has done its work: the spare, standing at the jump's target, takes over.
+          if (m_playbackBuffer == m_bufferA.get()) {
+            m_killA = true;
+            m_playbackBuffer = m_killB ? nullptr : m_bufferB.get();
+          } else {
+            m_killB = true;
+            m_playbackBuffer = m_killA ? nullptr : m_bufferA.get();
+          }
+          m_stateChanged = true;
+          pthread_cond_signal(&m_condition);
         }
       }
+      if (advancePosition(want)) m_stateChanged = true;
+      done += want;
     }
   }
 
   m_totalFramesRead.store(saturatingAdd(m_totalFramesRead.load(std::memory_order_relaxed), frames),
                           std::memory_order_relaxed);
-  if (advancePosition(frames)) m_stateChanged = true;
 
   // The report itself is formatted and written by the tending thread; here it costs
   // a clock read per call while frames are owed, and a signal once a second.

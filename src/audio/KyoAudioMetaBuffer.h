@@ -82,6 +82,9 @@ class KyoAudioMetaBuffer : public KyoAudioReading {
   // The playback stream is in place, the spare too when a loop lies ahead, and every
   // ring is full (or holds the file's end): a cue can start with no drop-out.
   bool isReadyToPlay();
+  // A read of this many frames now would deliver audio wherever audio is due, with
+  // no counted silence. Any thread; takes the player's mutex.
+  bool isReadyToRead(uint32_t frames);
 
   // Render thread. Always answers frames: what is not audio is silence. The offset
   // is ignored; the list is written from frame 0.
@@ -103,7 +106,9 @@ class KyoAudioMetaBuffer : public KyoAudioReading {
   uint32_t framesToBoundary(size_t nextLoop) const;
   bool advancePosition(int64_t frames);
   void installWholeFile();
+  bool isAtStart() const;
   uint32_t readFromPlayback(uint32_t frames, AudioBufferList* list, uint32_t offset);
+  void countDroppedFrames(uint32_t frames);
 
   void _tendBuffersFromThread();
   void logDroppedFrames(uint64_t frames);

@@ -20,6 +20,13 @@ namespace {
 
 using sonto::test::JackServer;
 
+// Before main, while this is the only thread: the device layer's threads read the
+// environment, so it is set once for the whole run, to a server no one else runs.
+const bool kServerNamed = [] {
+  setenv("JACK_DEFAULT_SERVER", JackServer::processServerName().c_str(), 1);
+  return true;
+}();
+
 // Waits for what real threads bring about; the limit only keeps a fault from
 // hanging the run, it measures nothing.
 template <typename Predicate>
@@ -238,9 +245,9 @@ TEST(KyoHALJack, ServerDeathIsTheDeviceDeath) {
 TEST(KyoHALJack, NoServerNoDeviceAndStartFails) {
   SKIP_WITHOUT_JACKD();
   KyoHAL& hal = KyoHAL::shared();
+  ASSERT_TRUE(kServerNamed);
   {
-    JackServer absent;  // never started: only its name is the default server
-    setenv("JACK_DEFAULT_SERVER", absent.name().c_str(), 1);
+    JackServer absent;  // not started
     hal.rescan();
     for (KyoAudioObjectID device : hal.allDevices()) {
       KyoHALDeviceProperties p;
@@ -249,7 +256,6 @@ TEST(KyoHALJack, NoServerNoDeviceAndStartFails) {
       }
     }
     EXPECT_EQ(hal.deviceWithUID("jack:" + absent.name()), 0u);
-    unsetenv("JACK_DEFAULT_SERVER");
   }
 
   JackServer server;

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <vector>
 
@@ -30,8 +29,13 @@ bool onPath(const std::string& program) {
   return false;
 }
 
-// Runs a program with its output discarded; the child's pid, or -1.
-pid_t spawnQuietly(const std::vector<std::string>& arguments) {
+// Runs a program with its output discarded and extra environment entries
+// ("NAME=value"); the child's pid, or -1.
+pid_t spawnQuietly(const std::vector<std::string>& arguments, const std::vector<std::string>& extraEnvironment = {}) {
+  std::vector<char*> envp;
+  for (const auto& entry : extraEnvironment) envp.push_back(const_cast<char*>(entry.c_str()));
+  for (char** e = environ; *e; ++e) envp.push_back(*e);
+  envp.push_back(nullptr);
   std::vector<char*> argv;
   for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
@@ -41,7 +45,7 @@ pid_t spawnQuietly(const std::vector<std::string>& arguments) {
   posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
   pid_t pid = -1;
-  int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   return error == 0 ? pid : -1;
 }
@@ -58,38 +62,21 @@ int waitFor(pid_t pid) {
 
 bool JackServer::installed() { return onPath("jackd") && onPath("jack_wait"); }
 
-JackServer::JackServer() {
-  static std::atomic<int> counter{0};
-  m_name = "sonto-" + std::to_string(getpid()) + "-" + std::to_string(counter.fetch_add(1));
-}
+std::string JackServer::processServerName() { return "sonto-test-" + std::to_string(getpid()); }
 
-JackServer::~JackServer() {
-  kill(SIGTERM);
-  if (m_environmentSet) {
-    if (m_hadPreviousServer)
-      setenv("JACK_DEFAULT_SERVER", m_previousServer.c_str(), 1);
-    else
-      unsetenv("JACK_DEFAULT_SERVER");
-  }
-}
+JackServer::JackServer() : m_name(processServerName()) {}
+
+JackServer::~JackServer() { kill(SIGTERM); }
 
 bool JackServer::start(unsigned periodFrames) {
   if (running()) return true;
-  if (!m_environmentSet) {
-    const char* previous = std::getenv("JACK_DEFAULT_SERVER");
-    m_hadPreviousServer = previous != nullptr;
-    if (previous) m_previousServer = previous;
-    setenv("JACK_DEFAULT_SERVER", m_name.c_str(), 1);
-    m_environmentSet = true;
-  }
   m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
   if (m_pid <= 0) {
     m_error = "jackd could not be run";
     m_pid = -1;
     return false;
   }
-  // jack_wait reads the server's name from the environment set above.
-  pid_t waiter = spawnQuietly({"jack_wait", "-w", "-t", "10"});
+  pid_t waiter = spawnQuietly({"jack_wait", "-w", "-t", "10"}, {"JACK_DEFAULT_SERVER=" + m_name});
   int status = waiter > 0 ? waitFor(waiter) : -1;
   if (status < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     m_error = "jackd -n " + m_name + " did not come up within 10 seconds";

@@ -1,6 +1,8 @@
 #pragma once
-// A private JACK server for tests: jackd on the dummy driver under a server name of
-// its own, made the process's default server (JACK_DEFAULT_SERVER) while it lives.
+// A private JACK server for tests: jackd on the dummy driver under a name of this
+// process's own. The environment is never changed here: threads of the device layer
+// read it. A test binary names the server for itself once, before any thread runs
+// (setenv("JACK_DEFAULT_SERVER", JackServer::processServerName())).
 
 #include <sys/types.h>
 
@@ -13,7 +15,9 @@ class JackServer {
   // True when jackd and jack_wait can be run.
   static bool installed();
 
-  // A name unique to this process and call ("sonto-PID-N").
+  // "sonto-test-PID": every JackServer of a process serves under it, one at a time.
+  static std::string processServerName();
+
   JackServer();
   ~JackServer();
   JackServer(const JackServer&) = delete;
@@ -32,9 +36,6 @@ class JackServer {
  private:
   std::string m_name;
   std::string m_error;
-  std::string m_previousServer;
-  bool m_hadPreviousServer = false;
-  bool m_environmentSet = false;
   pid_t m_pid = -1;
 };
 

@@ -420,3 +420,57 @@ TEST(KyoEffect, TheMenuGroupsEffectsByMakerAndScansOnce) {
     }
   }
 }
+
+TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
+  auto mixerAt = [](uint32_t inputs, uint32_t outputs) {
+    auto mixer = KyoEffect::effectWithDescription(KyoAudioComponentDescription::appleMatrixMixer());
+    EXPECT_NE(mixer, nullptr);
+    if (!mixer || !mixer->open()) return std::shared_ptr<KyoEffect>();
+    EXPECT_TRUE(mixer->setInputStreamFormat(KyoAudioStreamDescription(48000.0, inputs)));
+    EXPECT_TRUE(mixer->setOutputStreamFormat(KyoAudioStreamDescription(48000.0, outputs)));
+    EXPECT_TRUE(mixer->initialize());
+    return mixer;
+  };
+  auto levelsOf = [](KyoEffect& mixer, size_t count) {
+    std::vector<float> levels(count, -1.0f);
+    uint32_t size = (uint32_t)(count * sizeof(float));
+    EXPECT_EQ(mixer.audioUnit()->getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0,
+                                             levels.data(), &size),
+              0);
+    return levels;
+  };
+
+  auto mixer = mixerAt(2, 3);
+  ASSERT_NE(mixer, nullptr);
+  EXPECT_EQ(mixer->componentDescription().type(), kAudioUnitType_Mixer);
+  EXPECT_FALSE(mixer->manufacturer().empty());
+  EXPECT_FALSE(mixer->name().empty());
+  EXPECT_TRUE(mixer->enabled());
+  const size_t count = (2 + 1) * (3 + 1);
+  std::vector<float> levels(count);
+  for (size_t i = 0; i < count; ++i) levels[i] = 1.0f / (float)(i + 3);  // values that print with many digits
+  ASSERT_EQ(mixer->audioUnit()->setProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0,
+                                            levels.data(), (uint32_t)(count * sizeof(float))),
+            0);
+
+  KyoEffectProperties properties = mixer->properties();
+  ASSERT_TRUE(properties.settings);
+  auto restored = KyoEffect::effectWithProperties(properties);
+  ASSERT_NE(restored, nullptr);
+  ASSERT_TRUE(restored->open());
+  ASSERT_TRUE(restored->setInputStreamFormat(KyoAudioStreamDescription(48000.0, 2)));
+  ASSERT_TRUE(restored->setOutputStreamFormat(KyoAudioStreamDescription(48000.0, 3)));
+  ASSERT_TRUE(restored->initialize());
+  ASSERT_TRUE(restored->setParameters());
+  EXPECT_EQ(levelsOf(*restored, count), levels);  // bit for bit
+
+  // Levels of another shape are refused, and the state waits for a mixer that fits.
+  auto other = KyoEffect::effectWithProperties(properties);
+  ASSERT_NE(other, nullptr);
+  ASSERT_TRUE(other->open());
+  ASSERT_TRUE(other->setStreamFormat(KyoAudioStreamDescription(48000.0, 1)));
+  ASSERT_TRUE(other->initialize());
+  LogCatcher log;
+  EXPECT_FALSE(other->setParameters());
+  EXPECT_TRUE(other->state());
+}

@@ -27,11 +27,6 @@ constexpr uint32_t kDefaultAtomBufferSize = 8192;
 constexpr uint32_t kLatencyProbeFrames = 256;
 constexpr double kDefaultSampleRate = 44100.0;
 
-const char* const kSupportedFeatures[] = {
-    LV2_URID__map,         LV2_URID__unmap,        LV2_OPTIONS__options, LV2_BUF_SIZE__boundedBlockLength,
-    LV2_LOG__log,          LV2_CORE__hardRTCapable, LV2_CORE__inPlaceBroken, LV2_CORE__isLive,
-};
-
 int pluginLog(LV2_Log_Handle, LV2_URID type, const char* format, va_list args) {
   KyoLV2World& world = KyoLV2World::shared();
   const char* kind = world.unmap(type);
@@ -67,15 +62,7 @@ std::unique_ptr<KyoLV2Unit> KyoLV2Unit::create(const std::string& uri, int32_t* 
   const LilvPlugin* plugin = lv2.pluginForURI(uri);
   if (!plugin) return fail(kKyoComponentNotFound, "no such plugin is installed");
 
-  LilvNodes* required = lilv_plugin_get_required_features(plugin);
-  std::string missing;
-  LILV_FOREACH(nodes, it, required) {
-    const char* feature = lilv_node_as_uri(lilv_nodes_get(required, it));
-    bool known = false;
-    for (const char* supported : kSupportedFeatures) known = known || strcmp(feature, supported) == 0;
-    if (!known) missing = feature;
-  }
-  lilv_nodes_free(required);
+  const std::string missing = KyoLV2World::missingFeature(plugin);
   if (!missing.empty()) return fail(kKyoAudioUnitErr_FailedInitialization, "needs the host feature " + missing);
 
   std::unique_ptr<KyoLV2Unit> unit(new KyoLV2Unit());

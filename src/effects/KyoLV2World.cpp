@@ -1,11 +1,17 @@
 #include "effects/KyoLV2World.h"
 
 #include <lv2/atom/atom.h>
+#include <lv2/buf-size/buf-size.h>
+#include <lv2/log/log.h>
+#include <lv2/options/options.h>
+#include <lv2/urid/urid.h>
 #include <lv2/core/lv2.h>
 #include <lv2/midi/midi.h>
 #include <lv2/presets/presets.h>
 #include <lv2/resize-port/resize-port.h>
 #include <unistd.h>
+
+#include <cstring>
 
 #include "foundation/KyoEnvironment.h"
 #include "foundation/KyoLog.h"
@@ -123,6 +129,24 @@ bool KyoLV2World::describe(const LilvPlugin* plugin, KyoLV2CatalogueEntry* entry
   return audioIns > 0 && audioOuts > 0;
 }
 
+std::string KyoLV2World::missingFeature(const LilvPlugin* plugin) {
+  // What KyoLV2Unit hands every instance, and what needs nothing from the host.
+  static const char* const kSupportedFeatures[] = {
+      LV2_URID__map,         LV2_URID__unmap,         LV2_OPTIONS__options,    LV2_BUF_SIZE__boundedBlockLength,
+      LV2_LOG__log,          LV2_CORE__hardRTCapable, LV2_CORE__inPlaceBroken, LV2_CORE__isLive,
+  };
+  LilvNodes* required = lilv_plugin_get_required_features(plugin);
+  std::string missing;
+  LILV_FOREACH(nodes, it, required) {
+    const char* feature = lilv_node_as_uri(lilv_nodes_get(required, it));
+    bool known = false;
+    for (const char* supported : kSupportedFeatures) known = known || strcmp(feature, supported) == 0;
+    if (!known) missing = feature;
+  }
+  lilv_nodes_free(required);
+  return missing;
+}
+
 bool KyoLV2World::describePlugin(const std::string& uri, KyoLV2CatalogueEntry* entry) const {
   const LilvPlugin* plugin = pluginForURI(uri);
   if (!plugin) return false;
@@ -145,6 +169,13 @@ const std::vector<KyoLV2CatalogueEntry>& KyoLV2World::catalogue() {
       lilv_free(path);
       if (!present) {
         KYO_LOG_AT(1, "Skipping over broken audio component: %s", entry.componentName().c_str());
+        continue;
+      }
+      // Nor is a plugin offered that could never be instantiated here.
+      const std::string missing = missingFeature(plugin);
+      if (!missing.empty()) {
+        KYO_LOG_AT(1, "Skipping over broken audio component: %s (needs %s)", entry.componentName().c_str(),
+                   missing.c_str());
         continue;
       }
       m_catalogue.push_back(std::move(entry));

@@ -81,6 +81,9 @@ class KyoLV2World {
   const std::vector<KyoLV2CatalogueEntry>& catalogue();
   const KyoLV2CatalogueEntry* catalogueEntry(const std::string& uri);
 
+  // A feature the plugin requires and this host does not offer; empty when none.
+  static std::string missingFeature(const LilvPlugin* plugin);
+
   // The catalogue entry of an installed plugin, built even for one that is not
   // listed (say, with no audio ports); false when none is installed.
   bool describePlugin(const std::string& uri, KyoLV2CatalogueEntry* entry) const;

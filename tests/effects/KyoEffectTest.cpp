@@ -7,11 +7,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 #include "EffectTestSupport.h"
 #include "effects/KyoEffectCatalogue.h"
 #include "effects/KyoLV2Unit.h"
 #include "foundation/KyoNotificationCenter.h"
+#include "support/AllocationCounter.h"
 
 using namespace sonto::test;
 
@@ -473,4 +475,54 @@ TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
   LogCatcher log;
   EXPECT_FALSE(other->setParameters());
   EXPECT_TRUE(other->state());
+}
+
+TEST(KyoEffect, EveryCataloguedPluginRunsWithoutAllocatingAndKeepsItsSettings) {
+  std::vector<KyoAudioComponentDescription> all = KyoComponentDescriptionsOfType(kAudioUnitType_Effect);
+  const auto music = KyoComponentDescriptionsOfType(kAudioUnitType_MusicEffect);
+  all.insert(all.end(), music.begin(), music.end());
+  ASSERT_FALSE(all.empty());
+  for (const KyoAudioComponentDescription& description : all) {
+    SCOPED_TRACE(description.uri());
+    auto effect = KyoEffect::effectWithDescription(description);
+    ASSERT_NE(effect, nullptr);
+    ASSERT_TRUE(effect->open());
+    // Stereo where the plugin takes it, else its own count.
+    const uint32_t channels = effect->supportedInputChannels(2) == 2 && effect->supportedOutputChannels(2) == 2
+                                  ? 2
+                                  : std::max(1u, effect->supportedInputChannels(2));
+    TestSignalSource source;
+    if (!effect->setStreamFormat(KyoAudioStreamDescription(48000.0, channels))) continue;  // logged
+    ASSERT_TRUE(effect->setRenderCallback(source.renderInfo()));
+    ASSERT_TRUE(effect->initialize());
+    for (const auto& [title, id] : effect->parameterMenu()) {
+      const auto* lv2 = dynamic_cast<KyoLV2Unit*>(effect->audioUnit());
+      const KyoLV2Port* port = lv2 ? lv2->parameter(id) : nullptr;
+      if (port) effect->setValue(port->minimum + (port->maximum - port->minimum) * 0.375f, id);
+    }
+
+    TestBufferList out(channels, 1024);
+    int32_t status = -1;
+    resetWatchedAllocations();
+    std::thread([&] {
+      ScopedAllocationWatch watch;
+      for (int cycle = 0; cycle < 4; ++cycle) {
+        uint32_t flags = 0;
+        status = effect->render(&flags, nullptr, 0, 256, out.list());
+      }
+    }).join();
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(watchedAllocations(), 0u);
+    for (uint32_t c = 0; c < channels; ++c) {
+      for (uint32_t f = 0; f < 256; ++f) ASSERT_TRUE(std::isfinite(out.channel(c)[f])) << c << ":" << f;
+    }
+
+    auto restored = KyoEffect::effectWithProperties(effect->properties());
+    ASSERT_NE(restored, nullptr);
+    ASSERT_TRUE(restored->open());
+    ASSERT_TRUE(restored->setParameters());
+    for (const auto& [title, id] : effect->parameterMenu()) {
+      EXPECT_FLOAT_EQ(restored->valueForParameter(id), effect->valueForParameter(id)) << title;
+    }
+  }
 }

@@ -38,6 +38,7 @@ TEST(KyoLV2World, CatalogueListsHostablePluginsAndSkipsOnesWithoutALibrary) {
   EXPECT_EQ(gain->name, "Test Gain");
   EXPECT_EQ(gain->componentName(), "Sonto Tests: Test Gain");
   EXPECT_EQ(world.catalogueEntry(kMissingBinaryURI), nullptr);
+  EXPECT_EQ(world.catalogueEntry(kNeedyURI), nullptr);  // needs a feature this host lacks
   EXPECT_EQ(world.catalogueEntry("urn:sonto:test:nothing-here"), nullptr);
 
   // The map is one table for the process: the same URI, the same number, from any thread.

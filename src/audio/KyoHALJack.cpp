@@ -36,6 +36,17 @@ std::string hex(int value) {
   return text;
 }
 
+// A client whose server has gone cannot be closed safely: libjack may touch the
+// dead server's shared memory, or the memory of a new server of the same name.
+// It is kept here instead, reachable, for the life of the process.
+void abandonClient(jack_client_t* client) {
+  static std::mutex mutex;
+  static std::vector<jack_client_t*>* abandoned = new std::vector<jack_client_t*>();
+  std::lock_guard<std::mutex> lock(mutex);
+  abandoned->push_back(client);
+  KYO_LOG_AT(3, "JACK client %p abandoned after its server went away", static_cast<void*>(client));
+}
+
 jack_client_t* openClient(const char* name, const std::string& server, jack_status_t& status) {
   installJackReporting();
   return jack_client_open(name, jack_options_t(JackNoStartServer | JackServerName), &status, server.c_str());
@@ -125,8 +136,12 @@ class JackStream : public KyoHALStream {
   // Once jack_client_close has returned, the server calls nothing of ours again.
   void stop() override {
     if (!m_client) return;
-    if (m_active && !m_dead.load()) jack_deactivate(m_client);
-    jack_client_close(m_client);
+    if (m_dead.load()) {
+      abandonClient(m_client);
+    } else {
+      if (m_active) jack_deactivate(m_client);
+      jack_client_close(m_client);
+    }
     m_client = nullptr;
     m_active = false;
   }
@@ -209,7 +224,10 @@ std::string KyoHALJack::serverName() {
 }
 
 void KyoHALJack::closeMonitor() {
-  if (m_monitor) jack_client_close(m_monitor);
+  if (m_monitor && m_monitorLost.load())
+    abandonClient(m_monitor);
+  else if (m_monitor)
+    jack_client_close(m_monitor);
   m_monitor = nullptr;
   m_monitorLost.store(false);
 }

@@ -44,6 +44,9 @@ bool eventually(Predicate predicate, double limitSeconds = 10) {
     if (!JackServer::installed()) {                                           \
       GTEST_SKIP() << "jackd or jack_wait is not installed";                  \
     }                                                                         \
+    if (JackServer::processServerName().empty()) {                           \
+      GTEST_SKIP() << "every private JACK server name is held by other runs"; \
+    }                                                                         \
   } while (0)
 
 struct Cycles {
@@ -218,12 +221,14 @@ TEST(KyoHALJack, ServerDeathIsTheDeviceDeath) {
       }
     }
     // Without a server, the default output falls back and the device is gone.
-    ASSERT_TRUE(eventually([&] { return log.saw(kKyoAudioObjectSystemObject, kKyoPropertyDevices); }));
+    ASSERT_TRUE(eventually([&] {
+      auto all = hal.allDevices();
+      return std::find(all.begin(), all.end(), id) == all.end();
+    }));
     EXPECT_EQ(hal.deviceWithUID("jack:" + server.name()), 0u);
-    auto all = hal.allDevices();
-    EXPECT_EQ(std::find(all.begin(), all.end(), id), all.end());
     EXPECT_NE(hal.defaultOutputDevice(), id);
-    EXPECT_TRUE(log.saw(kKyoAudioObjectSystemObject, kKyoPropertyDefaultOutput));
+    EXPECT_TRUE(eventually([&] { return log.saw(kKyoAudioObjectSystemObject, kKyoPropertyDevices); }));
+    EXPECT_TRUE(eventually([&] { return log.saw(kKyoAudioObjectSystemObject, kKyoPropertyDefaultOutput); }));
     EXPECT_NE(null, 0u);
     EXPECT_EQ(hal.startIO(id, false, countingProc, &cycles), kKyoHALBadDeviceError);
 

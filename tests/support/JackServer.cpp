@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -62,7 +63,21 @@ int waitFor(pid_t pid) {
 
 bool JackServer::installed() { return onPath("jackd") && onPath("jack_wait"); }
 
-std::string JackServer::processServerName() { return "sonto-test-" + std::to_string(getpid()); }
+std::string JackServer::processServerName() {
+  static const std::string* name = [] {
+    constexpr int kNames = 4;
+    for (int k = 0; k < kNames; ++k) {
+      std::string lock = "/tmp/sonto-jack-test-" + std::to_string(getuid()) + "-" + std::to_string(k) + ".lock";
+      int fd = open(lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+      if (fd < 0) continue;
+      // Held until the process ends; the descriptor is never closed.
+      if (flock(fd, LOCK_EX | LOCK_NB) == 0) return new std::string("sonto-test-" + std::to_string(k));
+      close(fd);
+    }
+    return new std::string();
+  }();
+  return *name;
+}
 
 JackServer::JackServer() : m_name(processServerName()) {}
 
@@ -70,6 +85,10 @@ JackServer::~JackServer() { kill(SIGTERM); }
 
 bool JackServer::start(unsigned periodFrames) {
   if (running()) return true;
+  if (m_name.empty()) {
+    m_error = "every private JACK server name is in use by other test runs";
+    return false;
+  }
   m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
   if (m_pid <= 0) {
     m_error = "jackd could not be run";

@@ -1,7 +1,10 @@
 #pragma once
-// A private JACK server for tests: jackd on the dummy driver under a name of this
-// process's own. The environment is never changed here: threads of the device layer
-// read it. A test binary names the server for itself once, before any thread runs
+// A private JACK server for tests: jackd on the dummy driver under a name that this
+// process holds alone. JACK's registry keeps a handful of server names and frees a
+// dead server's entry only for a server of the same name, so the names come from a
+// small fixed set ("sonto-test-0".."sonto-test-3"), each held by one process at a
+// time through a lock file. The environment is never changed here: threads of the
+// device layer read it. A test binary names the server once, before any thread runs
 // (setenv("JACK_DEFAULT_SERVER", JackServer::processServerName())).
 
 #include <sys/types.h>
@@ -15,7 +18,8 @@ class JackServer {
   // True when jackd and jack_wait can be run.
   static bool installed();
 
-  // "sonto-test-PID": every JackServer of a process serves under it, one at a time.
+  // The name this process holds; every JackServer of the process serves under it,
+  // one at a time. Empty when every name is held by other processes.
   static std::string processServerName();
 
   JackServer();

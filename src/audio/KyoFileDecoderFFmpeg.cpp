@@ -20,6 +20,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <mutex>
 #include <cstring>
 #include <vector>
 
@@ -464,8 +465,12 @@ class FFmpegDecoder final : public KyoFileDecoder {
 }  // namespace
 
 std::unique_ptr<KyoFileDecoder> KyoFileDecoderOpenFFmpeg(const std::string& path, const std::string& displayName) {
-  // FFmpeg's own warnings would end up among our log lines for every odd file.
-  if (KyoEnvironment::logLevel() < 3) av_log_set_level(AV_LOG_QUIET);
+  // FFmpeg's own warnings would end up among our log lines for every odd file. Its
+  // level is a plain global: set once, whatever thread opens the first file.
+  static std::once_flag quiet;
+  std::call_once(quiet, [] {
+    if (KyoEnvironment::logLevel() < 3) av_log_set_level(AV_LOG_QUIET);
+  });
   auto decoder = std::make_unique<FFmpegDecoder>();
   if (!decoder->open(path, displayName)) return nullptr;
   return decoder;

@@ -2,11 +2,13 @@
 
 #include <jack/jack.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "foundation/KyoEnvironment.h"
 
@@ -39,11 +41,11 @@ std::string hex(int value) {
 // A client whose server has gone cannot be closed safely: libjack may touch the
 // dead server's shared memory, or the memory of a new server of the same name.
 // It is kept here instead, reachable, for the life of the process.
-void abandonClient(jack_client_t* client) {
+void abandonClient(jack_client_t* client, const void* callbackState = nullptr) {
   static std::mutex mutex;
-  static std::vector<jack_client_t*>* abandoned = new std::vector<jack_client_t*>();
+  static auto* abandoned = new std::vector<std::pair<jack_client_t*, const void*>>();
   std::lock_guard<std::mutex> lock(mutex);
-  abandoned->push_back(client);
+  abandoned->emplace_back(client, callbackState);
   KYO_LOG_AT(3, "JACK client %p abandoned after its server went away", static_cast<void*>(client));
 }
 
@@ -62,11 +64,36 @@ std::vector<std::string> physicalPorts(jack_client_t* client, unsigned long flag
   return names;
 }
 
+class JackStream;
+
+// What libjack's threads are handed instead of the stream. While a client is open
+// the server may call in at any time; once its server has died the client cannot be
+// closed, so the gate is shut, the callbacks still under way are waited for, and the
+// gate stays behind with the client while the stream is freed.
+struct JackGate {
+  std::atomic<int> inside{0};
+  std::atomic<bool> shut{false};
+  JackStream* stream = nullptr;
+
+  // Any libjack thread, the process thread included: no lock, no allocation.
+  JackStream* enter() {
+    inside.fetch_add(1);
+    if (!shut.load()) return stream;
+    inside.fetch_sub(1);
+    return nullptr;
+  }
+  void leave() { inside.fetch_sub(1); }
+};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
 class JackStream : public KyoHALStream {
  public:
-  explicit JackStream(const KyoHALStreamParameters& parameters) : m_parameters(parameters) {}
+  explicit JackStream(const KyoHALStreamParameters& parameters) : m_parameters(parameters), m_gate(new JackGate) {
+    m_gate->stream = this;
+  }
   ~JackStream() override {
     stop();
+    delete m_gate;
     std::free(m_output);
     std::free(m_input);
   }
@@ -110,11 +137,11 @@ class JackStream : public KyoHALStream {
     }
     m_bufferSize.store(jack_get_buffer_size(m_client));
     m_sampleRate.store(jack_get_sample_rate(m_client));
-    jack_set_process_callback(m_client, process, this);
-    jack_set_xrun_callback(m_client, xrun, this);
-    jack_set_buffer_size_callback(m_client, bufferSizeChanged, this);
-    jack_set_sample_rate_callback(m_client, sampleRateChanged, this);
-    jack_on_info_shutdown(m_client, shutdown, this);
+    jack_set_process_callback(m_client, process, m_gate);
+    jack_set_xrun_callback(m_client, xrun, m_gate);
+    jack_set_buffer_size_callback(m_client, bufferSizeChanged, m_gate);
+    jack_set_sample_rate_callback(m_client, sampleRateChanged, m_gate);
+    jack_on_info_shutdown(m_client, shutdown, m_gate);
     if (int error = jack_activate(m_client)) {
       KYO_LOG_STATUS_DETAIL(kKyoHALNotRunningError, "JACK would not activate the client (" + std::to_string(error) + ")");
       return kKyoHALNotRunningError;
@@ -137,7 +164,11 @@ class JackStream : public KyoHALStream {
   void stop() override {
     if (!m_client) return;
     if (m_dead.load()) {
-      abandonClient(m_client);
+      m_gate->shut.store(true);
+      // A callback under way when the server died ends within its cycle.
+      while (m_gate->inside.load() != 0) sched_yield();
+      abandonClient(m_client, m_gate);
+      m_gate = nullptr;
     } else {
       if (m_active) jack_deactivate(m_client);
       jack_client_close(m_client);
@@ -155,7 +186,8 @@ class JackStream : public KyoHALStream {
  private:
   // JACK's process thread.
   static int process(jack_nframes_t frames, void* arg) {
-    auto* self = static_cast<JackStream*>(arg);
+    JackStream* self = static_cast<JackGate*>(arg)->enter();
+    if (!self) return 0;
     if (!self->m_renderThread.load(std::memory_order_relaxed)) self->m_renderThread.store(pthread_self());
     const uint32_t bytes = frames * sizeof(float);
     for (size_t i = 0; i < self->m_outputPorts.size(); ++i) {
@@ -170,32 +202,42 @@ class JackStream : public KyoHALStream {
     }
     self->m_parameters.proc(self->m_parameters.client, frames, self->m_input, self->m_output, self->m_sampleTime);
     self->m_sampleTime += frames;
+    self->m_gate->leave();
     return 0;
   }
 
   static int xrun(void* arg) {
-    auto* self = static_cast<JackStream*>(arg);
+    JackStream* self = static_cast<JackGate*>(arg)->enter();
+    if (!self) return 0;
     if (self->m_parameters.events) self->m_parameters.events->post(kKyoHALEventOverload);
+    self->m_gate->leave();
     return 0;
   }
 
   static int bufferSizeChanged(jack_nframes_t frames, void* arg) {
-    static_cast<JackStream*>(arg)->m_bufferSize.store(frames);
+    JackStream* self = static_cast<JackGate*>(arg)->enter();
+    if (!self) return 0;
+    self->m_bufferSize.store(frames);
+    self->m_gate->leave();
     return 0;
   }
 
   static int sampleRateChanged(jack_nframes_t rate, void* arg) {
-    auto* self = static_cast<JackStream*>(arg);
+    JackStream* self = static_cast<JackGate*>(arg)->enter();
+    if (!self) return 0;
     if (self->m_sampleRate.exchange(rate) != rate && self->m_parameters.events)
       self->m_parameters.events->post(kKyoHALEventRateChanged);
+    self->m_gate->leave();
     return 0;
   }
 
   // A thread of libjack, after the server has gone: nothing of JACK may be called here.
   static void shutdown(jack_status_t, const char*, void* arg) {
-    auto* self = static_cast<JackStream*>(arg);
+    JackStream* self = static_cast<JackGate*>(arg)->enter();
+    if (!self) return;
     self->m_dead.store(true);
     if (self->m_parameters.events) self->m_parameters.events->post(kKyoHALEventDied);
+    self->m_gate->leave();
   }
 
   KyoHALStreamParameters m_parameters;
@@ -210,6 +252,7 @@ class JackStream : public KyoHALStream {
   std::atomic<uint32_t> m_bufferSize{0};
   std::atomic<uint32_t> m_sampleRate{0};
   std::atomic<bool> m_dead{false};
+  JackGate* m_gate;  // handed to libjack; left with the client when its server dies
 };
 
 }  // namespace

@@ -3,30 +3,40 @@
 #include <string>
 
 #include "app/Commands.h"
+#ifdef SONTO_HAS_SURFACE
+#include "app/SontoApplication.h"
+#endif
 
 namespace {
 void usage() {
   std::fprintf(stderr,
-               "usage: sonto info FILE...\n"
+               "usage: sonto [WORKSPACE...]\n"
+               "       sonto info FILE...\n"
                "       sonto devices\n"
+               "  (no command)   opens the window: an untitled show, or the shows given\n"
                "  info FILE...   what Sonto's file reader makes of each audio file\n"
                "  devices        the output devices, the default marked\n");
 }
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    usage();
-    return 2;
-  }
-  std::string command = argv[1];
+  const std::string command = argc >= 2 ? argv[1] : "";
   if (command == "info") return sontoInfoCommand(argc - 2, argv + 2);
   if (command == "devices") return sontoDevicesCommand(argc - 2, argv + 2);
   if (command == "-h" || command == "--help" || command == "help") {
     usage();
     return 0;
   }
+#ifdef SONTO_HAS_SURFACE
+  // Anything else is a show to open, once Qt has taken its own options out.
+  return sontoRunApplication(argc, argv);
+#else
+  if (argc < 2) {
+    usage();
+    return 2;
+  }
   std::fprintf(stderr, "sonto: unknown command '%s'\n", argv[1]);
   usage();
   return 2;
+#endif
 }

@@ -1,0 +1,643 @@
+#include "surface/WorkspaceController.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QButtonGroup>
+#include <QClipboard>
+#include <QCloseEvent>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QKeySequence>
+#include <QLabel>
+#include <QMenuBar>
+#include <QMimeData>
+#include <QPushButton>
+#include <QSlider>
+#include <QSplitter>
+#include <QTabBar>
+#include <QTabWidget>
+#include <QVBoxLayout>
+
+#include <cmath>
+
+#include "foundation/KyoEnvironment.h"
+#include "foundation/KyoKeyCodes.h"
+#include "foundation/KyoLog.h"
+#include "show/AudioCue.h"
+#include "show/Cue.h"
+#include "surface/CueCellController.h"
+#include "surface/GridController.h"
+#include "surface/GridView.h"
+#include "surface/SontoAlerts.h"
+#include "surface/SontoDocument.h"
+#include "surface/SontoDocumentController.h"
+#include "surface/SontoKeyEvents.h"
+
+namespace {
+constexpr int kVolumeSteps = 1000;  // slider positions per unit of linear gain
+}
+
+WorkspaceController::WorkspaceController(std::unique_ptr<SontoDocument> document)
+    : m_workspace(document.get()), m_document(std::move(document)) {
+  setAttribute(Qt::WA_DeleteOnClose, false);
+  resize(1000, 720);
+
+  auto* central = new QWidget(this);
+  auto* layout = new QVBoxLayout(central);
+  layout->setContentsMargins(0, 0, 0, 0);
+  layout->setSpacing(0);
+
+  // The carts over the inspector's pane; the pane stays empty until the inspector
+  // is built, and show mode collapses it.
+  m_splitView = new QSplitter(Qt::Vertical, central);
+  m_mainPane = new QWidget(m_splitView);
+  auto* mainLayout = new QVBoxLayout(m_mainPane);
+  mainLayout->setContentsMargins(0, 0, 0, 0);
+  m_tabView = new QTabWidget(m_mainPane);
+  m_tabView->setDocumentMode(true);
+  m_tabView->setFocusPolicy(Qt::NoFocus);
+  m_tabView->tabBar()->setFocusPolicy(Qt::NoFocus);
+  mainLayout->addWidget(m_tabView);
+  m_inspectorPane = new QWidget(m_splitView);
+  m_inspectorPane->setObjectName(QStringLiteral("inspectorPane"));
+  m_inspectorPane->setMinimumHeight(0);
+  m_splitView->addWidget(m_mainPane);
+  m_splitView->addWidget(m_inspectorPane);
+  m_splitView->setCollapsible(0, false);
+  m_splitView->setStretchFactor(0, 1);
+  m_splitView->setStretchFactor(1, 0);
+  m_splitView->setSizes({520, 0});
+  m_inspectorVisible = false;
+  layout->addWidget(m_splitView, 1);
+  layout->addWidget(buildBottomBar());
+  setCentralWidget(central);
+
+  buildMenus();
+
+  for (const auto& cart : m_workspace->carts()) {
+    m_gridControllers.push_back(std::make_unique<GridController>(cart.get(), this));
+    addTabForCartController(m_gridControllers.back().get());
+  }
+  if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
+  connect(m_tabView, &QTabWidget::currentChanged, this, [this] { makeCartFirstResponder(); });
+
+  m_volumeSlider->setValue(static_cast<int>(std::lround(m_workspace->masterVolume() * kVolumeSteps)));
+  updatePauseButton();
+  updateDuckingButton();
+  connect(m_workspace, &SontoDocument::pausedChanged, this, &WorkspaceController::updatePauseButton);
+  connect(m_workspace, &SontoDocument::duckedChanged, this, &WorkspaceController::updateDuckingButton);
+  connect(m_workspace, &SontoDocument::documentEditedChanged, this, &WorkspaceController::updateTitle);
+  connect(m_workspace, &SontoDocument::fileNameChanged, this, &WorkspaceController::updateTitle);
+  connect(m_workspace->undoManager(), &SontoUndoManager::checkpoint, this, &WorkspaceController::updateMenus);
+
+  // A show file opened locked goes straight to show mode.
+  if (m_workspace->isLocked()) {
+    setShowMode();
+  } else {
+    setEditMode();
+  }
+  updateTitle();
+  updateMenus();
+  makeCartFirstResponder();
+  SontoDocumentController::sharedDocumentController().addDocument(this);
+}
+
+WorkspaceController::~WorkspaceController() {
+  invalidate();
+  // The grids go before the document whose carts they show.
+  m_tabView->clear();
+  m_gridControllers.clear();
+  m_document.reset();
+}
+
+SontoUndoManager* WorkspaceController::undoManager() const {
+  return m_workspace ? m_workspace->undoManager() : nullptr;
+}
+
+QWidget* WorkspaceController::buildBottomBar() {
+  auto* bar = new QWidget(this);
+  bar->setObjectName(QStringLiteral("bottomBar"));
+  bar->setAutoFillBackground(true);
+  QPalette palette = bar->palette();
+  palette.setColor(QPalette::Window, QColor(32, 31, 31));
+  bar->setPalette(palette);
+  bar->setFixedHeight(64);
+  auto* layout = new QHBoxLayout(bar);
+  layout->setContentsMargins(10, 8, 10, 8);
+  layout->setSpacing(10);
+
+  // The level meter's place, left of the buttons.
+  m_audioLevel = new QWidget(bar);
+  m_audioLevel->setObjectName(QStringLiteral("audioLevel"));
+  m_audioLevel->setFixedWidth(120);
+  layout->addWidget(m_audioLevel);
+
+  m_buttonsContainer = new QWidget(bar);
+  auto* buttons = new QHBoxLayout(m_buttonsContainer);
+  buttons->setContentsMargins(0, 0, 0, 0);
+  auto makeButton = [&](const QString& title, const QString& tip) {
+    auto* button = new QPushButton(title, m_buttonsContainer);
+    button->setToolTip(tip);
+    button->setMinimumSize(96, 40);
+    button->setFocusPolicy(Qt::TabFocus);
+    QFont font = button->font();
+    font.setBold(true);
+    button->setFont(font);
+    buttons->addWidget(button);
+    return button;
+  };
+  m_pauseAllButton = makeButton(QStringLiteral("Pause All"), QStringLiteral("Pause every cue, or resume them"));
+  m_pauseAllButton->setCheckable(true);
+  m_duckingButton = makeButton(QStringLiteral("Duck"), QStringLiteral("Lower the master level, or bring it back"));
+  m_duckingButton->setCheckable(true);
+  m_panicButton = makeButton(QStringLiteral("Panic"), QStringLiteral("Fade out every cue; a second press cuts"));
+  m_panicButton->setStyleSheet(QStringLiteral("QPushButton { background: rgb(150, 40, 36); color: white; }"));
+  connect(m_pauseAllButton, &QPushButton::clicked, this, [this] {
+    togglePause();
+    updatePauseButton();
+  });
+  connect(m_duckingButton, &QPushButton::clicked, this, [this] {
+    toggleDucking();
+    updateDuckingButton();
+  });
+  connect(m_panicButton, &QPushButton::clicked, this, &WorkspaceController::panicAll);
+  layout->addWidget(m_buttonsContainer);
+  layout->addStretch(1);
+
+  m_volumeContainer = new QWidget(bar);
+  auto* volume = new QHBoxLayout(m_volumeContainer);
+  volume->setContentsMargins(0, 0, 0, 0);
+  auto* volumeLabel = new QLabel(QStringLiteral("Master"), m_volumeContainer);
+  volume->addWidget(volumeLabel);
+  m_volumeSlider = new QSlider(Qt::Horizontal, m_volumeContainer);
+  m_volumeSlider->setRange(0, kVolumeSteps);
+  m_volumeSlider->setMinimumWidth(180);
+  m_volumeSlider->setFocusPolicy(Qt::TabFocus);
+  connect(m_volumeSlider, &QSlider::valueChanged, this,
+          [this](int value) { changeVolume(static_cast<float>(value) / kVolumeSteps); });
+  volume->addWidget(m_volumeSlider);
+  // The output device menu's place.
+  m_outputs = new QWidget(m_volumeContainer);
+  m_outputs->setObjectName(QStringLiteral("outputs"));
+  m_outputs->setFixedWidth(160);
+  volume->addWidget(m_outputs);
+  layout->addWidget(m_volumeContainer);
+  layout->addStretch(1);
+
+  auto* modes = new QWidget(bar);
+  auto* modeLayout = new QHBoxLayout(modes);
+  modeLayout->setContentsMargins(0, 0, 0, 0);
+  modeLayout->setSpacing(0);
+  m_modeButton = new QButtonGroup(this);
+  m_modeButton->setExclusive(true);
+  m_editModeButton = new QPushButton(QStringLiteral("Edit"), modes);
+  m_showModeButton = new QPushButton(QStringLiteral("Show"), modes);
+  for (auto* button : {m_editModeButton, m_showModeButton}) {
+    button->setCheckable(true);
+    button->setMinimumSize(72, 40);
+    button->setFocusPolicy(Qt::TabFocus);
+    modeLayout->addWidget(button);
+  }
+  m_modeButton->addButton(m_editModeButton, 0);
+  m_modeButton->addButton(m_showModeButton, 1);
+  connect(m_editModeButton, &QPushButton::clicked, this, [this] {
+    if (isLocked()) setEditMode();
+  });
+  connect(m_showModeButton, &QPushButton::clicked, this, [this] {
+    if (!isLocked()) setShowMode();
+  });
+  layout->addWidget(modes);
+  return bar;
+}
+
+void WorkspaceController::buildMenus() {
+  QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
+  auto& documents = SontoDocumentController::sharedDocumentController();
+  QAction* newAction = file->addAction(QStringLiteral("&New"), this, [] {
+    SontoDocumentController::sharedDocumentController().newDocument();
+  });
+  newAction->setShortcut(QKeySequence::New);
+  QAction* open = file->addAction(QStringLiteral("&Open\u2026"), this, &WorkspaceController::openDocumentRequested);
+  open->setShortcut(QKeySequence::Open);
+  open->setEnabled(documents.canOpenDocuments());
+  QMenu* recent = file->addMenu(QStringLiteral("Open &Recent"));
+  recent->setEnabled(documents.canOpenDocuments());
+  file->addSeparator();
+  QAction* close = file->addAction(QStringLiteral("&Close"), this, &QWidget::close);
+  close->setShortcut(QKeySequence::Close);
+  // Saving and reading show files arrive with the workspace file; until then the
+  // items are there but off.
+  m_saveAction = file->addAction(QStringLiteral("&Save"));
+  m_saveAction->setShortcut(QKeySequence::Save);
+  m_saveAsAction = file->addAction(QStringLiteral("Save &As\u2026"));
+  m_saveAsAction->setShortcut(QKeySequence::SaveAs);
+  m_revertAction = file->addAction(QStringLiteral("Re&vert to Saved"));
+  for (QAction* action : {m_saveAction, m_saveAsAction, m_revertAction}) action->setEnabled(false);
+
+  QMenu* edit = menuBar()->addMenu(QStringLiteral("&Edit"));
+  m_undoAction = edit->addAction(QStringLiteral("Undo"), this, [this] {
+    if (!isLocked() && undoManager()) undoManager()->undo();
+  });
+  m_undoAction->setShortcut(QKeySequence::Undo);
+  m_redoAction = edit->addAction(QStringLiteral("Redo"), this, [this] {
+    if (!isLocked() && undoManager()) undoManager()->redo();
+  });
+  m_redoAction->setShortcut(QKeySequence::Redo);
+  edit->addSeparator();
+  m_cutAction = edit->addAction(QStringLiteral("Cu&t"), this, &WorkspaceController::cut);
+  m_cutAction->setShortcut(QKeySequence::Cut);
+  m_copyAction = edit->addAction(QStringLiteral("&Copy"), this, &WorkspaceController::copy);
+  m_copyAction->setShortcut(QKeySequence::Copy);
+  m_pasteAction = edit->addAction(QStringLiteral("&Paste"), this, &WorkspaceController::paste);
+  m_pasteAction->setShortcut(QKeySequence::Paste);
+  m_deleteAction = edit->addAction(QStringLiteral("&Delete"), this, &WorkspaceController::deleteCue);
+  connect(edit, &QMenu::aboutToShow, this, &WorkspaceController::updateMenus);
+
+  QMenu* show = menuBar()->addMenu(QStringLiteral("&Show"));
+  m_editModeAction = show->addAction(QStringLiteral("Edit Mode"), this, &WorkspaceController::setEditMode);
+  m_showModeAction = show->addAction(QStringLiteral("Show Mode"), this, &WorkspaceController::setShowMode);
+  show->addSeparator();
+  show->addAction(QStringLiteral("Pause All"), this, &WorkspaceController::pauseAll);
+  show->addAction(QStringLiteral("Resume All"), this, &WorkspaceController::resumeAll);
+  show->addAction(QStringLiteral("Stop All"), this, &WorkspaceController::stopAll);
+  show->addAction(QStringLiteral("Hard Stop All"), this, &WorkspaceController::hardStopAll);
+  show->addAction(QStringLiteral("Panic"), this, &WorkspaceController::panicAll);
+  show->addAction(QStringLiteral("Toggle Ducking"), this, &WorkspaceController::toggleDucking);
+  show->addSeparator();
+  show->addAction(QStringLiteral("Maximum Volume"), this, [this] { changeVolume(1.0f); });
+  show->addAction(QStringLiteral("Minimum Volume"), this, [this] { changeVolume(0.0f); });
+  show->addSeparator();
+  m_newTabAction = show->addAction(QStringLiteral("New Cart"), this, &WorkspaceController::newTab);
+  connect(show, &QMenu::aboutToShow, this, &WorkspaceController::updateMenus);
+}
+
+// -- Carts
+
+void WorkspaceController::addTabForCartController(GridController* controller) {
+  ++m_tabCount;
+  m_tabView->addTab(controller->gridView(), QString::fromStdString(controller->cart()->name()));
+}
+
+void WorkspaceController::updateTabLabels() {
+  for (int tab = 0; tab < m_tabView->count(); ++tab) {
+    if (GridController* controller = controllerForTab(tab)) {
+      m_tabView->setTabText(tab, QString::fromStdString(controller->cart()->name()));
+    }
+  }
+}
+
+void WorkspaceController::newTab() {
+  if (!m_workspace || isLocked()) return;
+  Cart* cart = m_workspace->addCart();
+  m_gridControllers.push_back(std::make_unique<GridController>(cart, this));
+  addTabForCartController(m_gridControllers.back().get());
+  m_tabView->setCurrentIndex(m_tabView->count() - 1);
+}
+
+void WorkspaceController::selectTab(int number) {
+  if (number >= 1 && number <= m_tabView->count()) m_tabView->setCurrentIndex(number - 1);
+}
+
+GridController* WorkspaceController::controllerForTab(int tab) const {
+  QWidget* page = m_tabView->widget(tab);
+  for (const auto& controller : m_gridControllers) {
+    if (controller->gridView() == page) return controller.get();
+  }
+  return nullptr;
+}
+
+GridController* WorkspaceController::selectedController() const { return controllerForTab(m_tabView->currentIndex()); }
+
+void WorkspaceController::makeCartFirstResponder() {
+  if (GridController* controller = selectedController()) controller->gridView()->setFocus(Qt::OtherFocusReason);
+}
+
+void WorkspaceController::selectCue(const Cue* cue) {
+  if (!cue) return;
+  for (const auto& controller : m_gridControllers) {
+    if (controller->cart() == cue->cart()) {
+      m_tabView->setCurrentWidget(controller->gridView());
+      controller->selectCue(cue);
+    }
+  }
+}
+
+// -- Modes
+
+bool WorkspaceController::isLocked() const { return m_workspace && m_workspace->isLocked(); }
+bool WorkspaceController::inEditMode() const { return m_modeButton->checkedId() == 0; }
+bool WorkspaceController::inShowMode() const { return m_modeButton->checkedId() == 1; }
+
+void WorkspaceController::toggleMode() { isLocked() ? setEditMode() : setShowMode(); }
+
+void WorkspaceController::setShowMode() {
+  if (!m_workspace) return;
+  m_workspace->setLocked(true);
+  m_showModeButton->setChecked(true);
+  // The inspector's pane collapses, remembering its height for edit mode.
+  if (m_inspectorVisible) {
+    m_heightOfInspector = m_inspectorPane->height();
+    m_inspectorVisible = false;
+  }
+  m_splitView->setSizes({m_splitView->height(), 0});
+  m_splitView->handle(1)->setEnabled(false);
+  m_tabView->tabBar()->setMovable(false);
+  for (const auto& controller : m_gridControllers) controller->lockCart();
+  makeCartFirstResponder();
+  updateMenus();
+}
+
+void WorkspaceController::setEditMode() {
+  if (!m_workspace) return;
+  m_workspace->setLocked(false);
+  m_editModeButton->setChecked(true);
+  m_splitView->handle(1)->setEnabled(true);
+  for (const auto& controller : m_gridControllers) controller->unlockCart();
+  updateMenus();
+}
+
+// -- The way of a key
+
+bool WorkspaceController::keyDownHotkey(const KyoKeyEvent& event) {
+  if (!m_workspace) return false;
+  if (m_workspace->pauseAllKey.matchesKeyEvent(event)) {
+    pauseAll();
+    return true;
+  }
+  if (m_workspace->resumeAllKey.matchesKeyEvent(event)) {
+    resumeAll();
+    return true;
+  }
+  if (m_workspace->duckMasterKey.matchesKeyEvent(event)) {
+    toggleDucking();
+    return true;
+  }
+  return false;
+}
+
+void WorkspaceController::keyDown(const KyoKeyEvent& event, bool isARepeat) {
+  if (isARepeat || !m_workspace) return;
+  if (keyDownHotkey(event)) return;
+  GridController* controller = selectedController();
+  const std::string shortcut = SontoKeyEventShortcut(event);
+  const bool commandDown = SontoKeyEventCommandDown(event);
+  if (!commandDown && controller && !shortcut.empty()) {
+    const std::vector<std::string> shortcuts = controller->validShortcutsForGridView();
+    if (std::find(shortcuts.begin(), shortcuts.end(), shortcut) != shortcuts.end()) {
+      controller->triggerCueDownWithShorcut(shortcut);
+      return;
+    }
+  }
+  if (commandDown && shortcut.size() == 1 && shortcut[0] >= '1' && shortcut[0] <= '9') {
+    selectTab(shortcut[0] - '0');
+    return;
+  }
+  const char16_t character = event.charactersIgnoringModifiers.empty() ? 0 : event.charactersIgnoringModifiers[0];
+  if (character == KyoKeyCharacter::kDelete || character == KyoKeyCharacter::kForwardDelete) {
+    if (controller && !isLocked() && controller->gridView()->selectedIndex() != GridView::kNotFound) {
+      controller->removeCueAtIndex(controller->gridView()->selectedIndex());
+    }
+    return;
+  }
+  switch (character) {
+    case KyoKeyCharacter::kUpArrow: return moveUp();
+    case KyoKeyCharacter::kDownArrow: return moveDown();
+    case KyoKeyCharacter::kLeftArrow: return moveLeft();
+    case KyoKeyCharacter::kRightArrow: return moveRight();
+    default: break;
+  }
+  // Escape is the cancel key of every window: panic in every show at once.
+  if (event.keyCode == KyoKeyCode::kEscape || character == 27) cancel();
+}
+
+void WorkspaceController::keyUp(const KyoKeyEvent& event) {
+  GridController* controller = selectedController();
+  if (!controller || SontoKeyEventCommandDown(event)) return;
+  const std::string shortcut = SontoKeyEventShortcut(event);
+  if (shortcut.empty()) return;
+  const std::vector<std::string> shortcuts = controller->validShortcutsForGridView();
+  if (std::find(shortcuts.begin(), shortcuts.end(), shortcut) != shortcuts.end()) {
+    controller->triggerCueUpWithShorcut(shortcut);
+  }
+}
+
+// Keys that reach the window with no grid focused (a button has the focus).
+void WorkspaceController::keyPressEvent(QKeyEvent* event) {
+  const KyoKeyEvent key = SontoKeyEventFromQt(*event);
+  keyDown(key, event->isAutoRepeat());
+  event->accept();
+}
+
+void WorkspaceController::keyReleaseEvent(QKeyEvent* event) {
+  if (!event->isAutoRepeat()) keyUp(SontoKeyEventFromQt(*event));
+  event->accept();
+}
+
+void WorkspaceController::processMIDIMessages(const std::vector<SontoMIDIMessage>& messages) {
+  if (!m_workspace) return;
+  std::vector<SontoMIDIMessage> kept;
+  kept.reserve(messages.size());
+  for (const SontoMIDIMessage& message : messages) {
+    KYO_LOG_AT(3, "MIDI voice message received on channel %u", static_cast<unsigned>(message.channel()));
+    if (m_workspace->midiChannel == 0 || message.channel() == m_workspace->midiChannel) kept.push_back(message);
+  }
+  GridController* selected = selectedController();
+  for (const auto& controller : m_gridControllers) {
+    if (controller.get() == selected) {
+      controller->processMIDIMessages(kept);
+    } else {
+      controller->cart()->processMIDIMessages(kept);
+    }
+  }
+}
+
+// -- Transport
+
+void WorkspaceController::togglePause() {
+  if (!m_workspace) return;
+  m_workspace->isPaused() ? resumeAll() : pauseAll();
+}
+
+void WorkspaceController::pauseAll() {
+  if (!m_workspace) return;
+  m_workspace->setPaused(true);
+  for (const auto& cart : m_workspace->carts()) cart->pauseCues();
+}
+
+void WorkspaceController::resumeAll() {
+  if (!m_workspace) return;
+  m_workspace->setPaused(false);
+  for (const auto& cart : m_workspace->carts()) cart->resumeCues();
+}
+
+void WorkspaceController::stopAll() {
+  if (!m_workspace) return;
+  m_workspace->setPaused(false);
+  for (const auto& cart : m_workspace->carts()) cart->stopCues();
+}
+
+void WorkspaceController::hardStopAll() {
+  if (m_workspace) m_workspace->hardStopAll();
+}
+
+void WorkspaceController::panicAll() {
+  if (m_workspace) m_workspace->panic();
+}
+
+void WorkspaceController::cancel() { SontoDocumentController::sharedDocumentController().panicAll(); }
+
+void WorkspaceController::toggleDucking() {
+  if (!m_workspace) return;
+  m_workspace->isDucked() ? m_workspace->unduck() : m_workspace->duck();
+  // The slider follows the duck ramp for a second; a second press restarts it.
+  KyoClock& clock = KyoCurrentClock();
+  if (m_duckingTimer) clock.stopTimer(m_duckingTimer);
+  m_duckingStart = clock.monotonicSeconds();
+  QPointer<WorkspaceController> self(this);
+  m_duckingTimer = clock.startTimer(0.05, true, [self] {
+    if (self) self->updateDuringDuck();
+  });
+}
+
+void WorkspaceController::updateDuringDuck() {
+  if (m_workspace) {
+    const QSignalBlocker blocker(m_volumeSlider);
+    m_volumeSlider->setValue(static_cast<int>(std::lround(m_workspace->masterVolume() * kVolumeSteps)));
+  }
+  KyoClock& clock = KyoCurrentClock();
+  if (clock.monotonicSeconds() > m_duckingStart + kDuckDisplaySeconds && m_duckingTimer) {
+    clock.stopTimer(m_duckingTimer);
+    m_duckingTimer = 0;
+  }
+}
+
+void WorkspaceController::changeVolume(float volume) {
+  if (!m_workspace) return;
+  m_workspace->setMasterVolume(volume);
+  const int position = static_cast<int>(std::lround(m_workspace->masterVolume() * kVolumeSteps));
+  if (m_volumeSlider->value() != position) {
+    const QSignalBlocker blocker(m_volumeSlider);
+    m_volumeSlider->setValue(position);
+  }
+}
+
+void WorkspaceController::updatePauseButton() {
+  const bool paused = m_workspace && m_workspace->isPaused();
+  m_pauseAllButton->setChecked(paused);
+  m_pauseAllButton->setText(paused ? QStringLiteral("Resume All") : QStringLiteral("Pause All"));
+}
+
+void WorkspaceController::updateDuckingButton() { m_duckingButton->setChecked(m_workspace && m_workspace->isDucked()); }
+
+// -- Clipboard
+
+bool WorkspaceController::canCopy() const {
+  GridController* controller = selectedController();
+  return controller && dynamic_cast<AudioCue*>(controller->selectedCue());
+}
+bool WorkspaceController::canDelete() const {
+  GridController* controller = selectedController();
+  return controller && controller->selectedCue();
+}
+bool WorkspaceController::canCut() const { return canCopy() && canDelete(); }
+
+bool WorkspaceController::canPaste() const {
+  if (isLocked()) return false;
+  const QMimeData* data = QApplication::clipboard()->mimeData();
+  return data && data->hasFormat(AudioCue::kPasteboardType);
+}
+
+void WorkspaceController::copy() {
+  if (!canCopy()) return;
+  auto* cue = dynamic_cast<AudioCue*>(selectedController()->selectedCue());
+  if (std::unique_ptr<QMimeData> data = cue->mimeData()) QApplication::clipboard()->setMimeData(data.release());
+}
+
+void WorkspaceController::cut() {
+  if (!canCut()) return QApplication::beep();
+  copy();
+  deleteCue();
+}
+
+void WorkspaceController::paste() {
+  if (!canPaste()) return QApplication::beep();
+  const QMimeData* data = QApplication::clipboard()->mimeData();
+  std::shared_ptr<AudioCue> cue = data ? AudioCue::fromMimeData(*data) : nullptr;
+  if (cue && selectedController()) selectedController()->handlePasteCue(cue);
+}
+
+void WorkspaceController::deleteCue() {
+  if (!canDelete() || isLocked()) return QApplication::beep();
+  GridController* controller = selectedController();
+  controller->removeCueAtIndex(controller->gridView()->selectedIndex());
+}
+
+void WorkspaceController::moveUp() {
+  if (GridController* controller = selectedController()) controller->moveUp();
+}
+void WorkspaceController::moveDown() {
+  if (GridController* controller = selectedController()) controller->moveDown();
+}
+void WorkspaceController::moveLeft() {
+  if (GridController* controller = selectedController()) controller->moveLeft();
+}
+void WorkspaceController::moveRight() {
+  if (GridController* controller = selectedController()) controller->moveRight();
+}
+
+// -- The document side
+
+void WorkspaceController::updateTitle() {
+  if (!m_workspace) return;
+  // Qt shows "[*]" as the edited mark where the platform has one.
+  setWindowTitle(m_workspace->displayName() + QStringLiteral("[*]"));
+  setWindowModified(m_workspace->isDocumentEdited());
+}
+
+void WorkspaceController::updateMenus() {
+  const bool locked = isLocked();
+  SontoUndoManager* undo = undoManager();
+  m_undoAction->setEnabled(!locked && undo && undo->canUndo());
+  m_redoAction->setEnabled(!locked && undo && undo->canRedo());
+  m_undoAction->setText(undo ? undo->undoMenuItemTitle() : QStringLiteral("Undo"));
+  m_redoAction->setText(undo ? undo->redoMenuItemTitle() : QStringLiteral("Redo"));
+  m_copyAction->setEnabled(canCopy());
+  m_cutAction->setEnabled(canCut() && !locked);
+  m_deleteAction->setEnabled(canDelete() && !locked);
+  m_pasteAction->setEnabled(canPaste());
+  m_editModeAction->setEnabled(locked);
+  m_showModeAction->setEnabled(!locked);
+  m_newTabAction->setEnabled(!locked);
+}
+
+bool WorkspaceController::closeDocument() {
+  if (m_workspace && m_workspace->isDocumentEdited()) {
+    const bool canSave = SontoDocumentController::canSaveDocuments();
+    const SontoAlerts::Answer answer = SontoAlerts::askToSaveChanges(this, m_workspace->displayName(), canSave);
+    if (answer == SontoAlerts::Answer::Cancel) return false;
+    if (answer == SontoAlerts::Answer::Save && !canSave) return false;
+  }
+  invalidate();
+  return true;
+}
+
+void WorkspaceController::closeEvent(QCloseEvent* event) {
+  if (!closeDocument()) return event->ignore();
+  event->accept();
+}
+
+// After this the window is shut: no notification, timer or key reaches the show.
+void WorkspaceController::invalidate() {
+  if (m_duckingTimer) {
+    KyoCurrentClock().stopTimer(m_duckingTimer);
+    m_duckingTimer = 0;
+  }
+  if (m_workspace) {
+    disconnect(m_workspace, nullptr, this, nullptr);
+    disconnect(m_workspace->undoManager(), nullptr, this, nullptr);
+    // Nothing goes on sounding from a closed show.
+    m_workspace->hardStopAll();
+  }
+  SontoDocumentController::sharedDocumentController().removeDocument(this);
+  m_workspace = nullptr;
+}

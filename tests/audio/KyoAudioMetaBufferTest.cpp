@@ -303,8 +303,9 @@ TEST_P(SlicePlayerFormat, LoopsCountsDevampsAndSeeksAreSampleExact) {
   ASSERT_GE(reference[0].size(), 20011u);
   for (const Scenario& scenario : scenarios()) {
     for (uint32_t request : {1u, 37u, 128u, 441u, 4096u, 6007u}) {
-      // One frame a read is slow on a decoder that must seek; the ramp formats cover it.
-      if (request == 1 && fc.sndfileFormat == 0) continue;
+      // One frame a read is tens of thousands of reads: once, on the plain format.
+      if (request == 1 && (fc.fileFormat != (SF_FORMAT_WAV | SF_FORMAT_FLOAT) || &scenario != &scenarios()[1]))
+        continue;
       SCOPED_TRACE(testing::Message() << scenario.name << ", " << request << " frames a read");
       playAndCompare(alias, reference, scenario, request);
       if (HasFatalFailure()) return;

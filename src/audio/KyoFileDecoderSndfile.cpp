@@ -9,12 +9,24 @@
 #include <cerrno>
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "audio/KyoFileDecoder.h"
 #include "foundation/KyoLog.h"
 
 namespace {
+
+// libsndfile keeps the message of a failed open in one global buffer: opens from
+// several threads (streams being built side by side) take turns. Answers the open
+// file, or null with the library's reason in `failure`.
+SNDFILE* openDescriptor(int fd, SF_INFO& info, std::string* failure) {
+  static std::mutex guard;
+  std::lock_guard<std::mutex> lock(guard);
+  SNDFILE* file = sf_open_fd(fd, SFM_READ, &info, SF_FALSE);
+  if (!file && failure) *failure = sf_strerror(nullptr);
+  return file;
+}
 
 // Frames decoded ahead of a seek target in lossy formats.
 constexpr int64_t kLossySeekPrerollFrames = 8192;
@@ -152,7 +164,7 @@ class SndfileDecoder final : public KyoFileDecoder {
   bool reopen() {
     if (m_file) sf_close(m_file);
     SF_INFO info{};
-    m_file = ::lseek(m_fd, 0, SEEK_SET) == 0 ? sf_open_fd(m_fd, SFM_READ, &info, SF_FALSE) : nullptr;
+    m_file = ::lseek(m_fd, 0, SEEK_SET) == 0 ? openDescriptor(m_fd, info, nullptr) : nullptr;
     m_broken = m_file == nullptr;
     m_failedSeek = m_broken;
     return !m_broken;
@@ -184,9 +196,8 @@ std::unique_ptr<KyoFileDecoder> KyoFileDecoderOpenSndfile(const std::string& pat
     return nullptr;
   }
   SF_INFO info{};
-  SNDFILE* file = sf_open_fd(fd, SFM_READ, &info, SF_FALSE);
+  SNDFILE* file = openDescriptor(fd, info, &detail);
   if (!file) {
-    detail = sf_strerror(nullptr);
     ::close(fd);
     result = KyoFileOpenResult::notHandled;
     return nullptr;

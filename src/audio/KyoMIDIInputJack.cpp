@@ -38,9 +38,11 @@ std::unique_ptr<KyoMIDIJackInput> KyoMIDIJackInput::create(std::shared_ptr<KyoMI
 }
 
 KyoMIDIJackInput::~KyoMIDIJackInput() {
-  // Callbacks end before the ring and the semaphore go.
-  if (m_client) {
-    if (!m_serverGone.load()) jack_deactivate(m_client);
+  // Callbacks end before the ring and the semaphore go. libjack cannot close a
+  // client whose server has died: that one is left for the process's end, with the
+  // callbacks that could still touch this object already ended by the shutdown.
+  if (m_client && !m_serverGone.load()) {
+    jack_deactivate(m_client);
     jack_client_close(m_client);
   }
   m_stop = true;
@@ -100,8 +102,8 @@ void KyoMIDIJackInput::portRegistered(jack_port_id_t, int registered, void* arg)
 
 void KyoMIDIJackInput::shutdown(void* arg) {
   auto* self = static_cast<KyoMIDIJackInput*>(arg);
-  self->m_serverGone = true;
   KyoLog("Warning: the JACK server has gone; MIDI from JACK is no longer heard\n");
+  self->m_serverGone = true;  // the last touch: the stream may go at once after it
 }
 
 void KyoMIDIJackInput::deliveryLoop() {

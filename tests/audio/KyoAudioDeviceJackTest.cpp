@@ -1,0 +1,106 @@
+// The output device on a real JACK server: a source sounds through it, the
+// server's death closes it and tells its delegate, and a device whose server is
+// gone refuses to open so that the caller can fall back.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <string>
+
+#include "KyoAudioDeviceTestSupport.h"
+#include "audio/KyoAudioDevice.h"
+#include "foundation/KyoClock.h"
+#include "foundation/KyoLog.h"
+#include "support/JackServer.h"
+
+namespace {
+
+using sonto::test::JackServer;
+using sonto::test::TestSource;
+
+template <typename Predicate>
+bool eventually(Predicate predicate, double limitSeconds = 10) {
+  const double end = KyoMonotonicSeconds() + limitSeconds;
+  while (!predicate()) {
+    if (KyoMonotonicSeconds() > end) return false;
+    KyoCurrentClock().sleepFor(0.002);
+  }
+  return true;
+}
+
+struct DeathWatch : KyoAudioDeviceDelegate {
+  std::atomic<int> died{0};
+  std::atomic<int> closed{0};
+  void audioDeviceDidDie(KyoAudioDevice*) override { died.fetch_add(1); }
+  void audioDeviceDidClose(KyoAudioDevice*) override { closed.fetch_add(1); }
+};
+
+std::shared_ptr<KyoAudioDevice> jackDevice(const JackServer& server) {
+  std::shared_ptr<KyoAudioDevice> device;
+  eventually([&] {
+    KyoHAL::shared().rescan();
+    device = KyoAudioDevice::deviceWithUID("jack:" + server.name());
+    return device != nullptr;
+  });
+  return device;
+}
+
+}  // namespace
+
+TEST(KyoAudioDeviceJack, ASourceSoundsAndTheServersDeathClosesTheDevice) {
+  if (!JackServer::installed()) GTEST_SKIP() << "jackd is not installed";
+  JackServer server;
+  ASSERT_TRUE(server.start()) << server.error();
+  auto device = jackDevice(server);
+  ASSERT_TRUE(device) << "the JACK device is not listed";
+  EXPECT_EQ(device->outputChannels(), 2u);
+  EXPECT_EQ(device->nominalSampleRate(), 48000.0);
+
+  DeathWatch watch;
+  device->setDelegate(&watch);
+  ASSERT_TRUE(device->open());
+  auto source = std::make_shared<TestSource>(device.get(), std::vector<uint32_t>{0, 1});
+  ASSERT_TRUE(device->_attachAudio(source));
+  device->performAction<&TestSource::_play>(source.get());
+  EXPECT_TRUE(eventually([&] { return source->renders() > 20; })) << "no cycles came from the server";
+
+  server.kill(SIGKILL);
+  EXPECT_TRUE(eventually([&] { return watch.died.load() > 0; })) << "the death was not told";
+  EXPECT_TRUE(device->died());
+  EXPECT_TRUE(eventually([&] { return !device->isOpen(); }));
+  EXPECT_EQ(watch.died.load(), 1);
+  // No more cycles once dead; closing again is harmless.
+  const uint64_t renders = source->renders();
+  KyoCurrentClock().sleepFor(0.05);
+  EXPECT_EQ(source->renders(), renders);
+  device->close();
+  device->setDelegate(nullptr);
+}
+
+TEST(KyoAudioDeviceJack, ADeviceWhoseServerHasGoneFailsToOpenWithALogLine) {
+  if (!JackServer::installed()) GTEST_SKIP() << "jackd is not installed";
+  auto server = std::make_unique<JackServer>();
+  ASSERT_TRUE(server->start()) << server->error();
+  auto device = jackDevice(*server);
+  ASSERT_TRUE(device);
+  server->kill(SIGTERM);
+
+  std::string logged;
+  KyoSetLogSink([&](const std::string& line) { logged += line; });
+  const double started = KyoMonotonicSeconds();
+  const bool opened = device->open();
+  const double took = KyoMonotonicSeconds() - started;
+  KyoSetLogSink(nullptr);
+  EXPECT_FALSE(opened);
+  EXPECT_FALSE(device->isOpen());
+  EXPECT_NE(logged.find("Error"), std::string::npos) << logged;
+  // Not a timing assertion: a generous bound that only catches a hang.
+  EXPECT_LT(took, 30.0);
+
+  // The caller falls back to the default output, which always exists.
+  KyoHAL::shared().rescan();
+  auto fallback = KyoAudioDevice::defaultOutputDevice();
+  ASSERT_TRUE(fallback);
+  EXPECT_NE(fallback->deviceUID(), "jack:" + server->name());
+}

@@ -88,7 +88,8 @@ std::shared_ptr<KyoMIDIALSAClient> KyoMIDIALSAClient::shared(KyoMIDIError& error
   snd_seq_t* seq = nullptr;
   int status = snd_seq_open(&seq, "default", SND_SEQ_OPEN_DUPLEX, SND_SEQ_NONBLOCK);
   if (status < 0) {
-    error = {"ALSASequencerUnavailable", std::string("the ALSA sequencer could not be opened: ") + snd_strerror(status)};
+    error = {"ALSASequencerUnavailable",
+             std::string("the ALSA sequencer could not be opened: ") + snd_strerror(status)};
     return nullptr;
   }
   snd_seq_set_client_name(seq, "Sonto");

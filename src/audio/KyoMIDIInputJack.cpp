@@ -18,7 +18,8 @@ std::unique_ptr<KyoMIDIJackInput> KyoMIDIJackInput::create(std::shared_ptr<KyoMI
   input->m_client = client;
   input->m_delivery = std::move(delivery);
   sem_init(&input->m_wake, 0, 0);
-  input->m_port = jack_port_register(client, "MIDI in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput | JackPortIsTerminal, 0);
+  input->m_port =
+      jack_port_register(client, "MIDI in", JACK_DEFAULT_MIDI_TYPE, JackPortIsInput | JackPortIsTerminal, 0);
   if (!input->m_port || jack_set_process_callback(client, &KyoMIDIJackInput::process, input.get()) != 0) {
     KyoLog("Error: JACK refused the MIDI input port\n");
     jack_client_close(client);

@@ -42,8 +42,8 @@ uint16_t truncated(int64_t value) { return uint16_t(int32_t(value)); }
 }  // namespace
 
 bool KyoHotKey::isEmpty() const {
-  return m_keyCode == 0 && m_keyCharacter == 0 && !m_capsLock && !m_shift && !m_control && !m_option &&
-         !m_command && !m_function;
+  return m_keyCode == 0 && m_keyCharacter == 0 && !m_capsLock && !m_shift && !m_control && !m_option && !m_command &&
+         !m_function;
 }
 
 void KyoHotKey::setAllFlags(bool value) {
@@ -101,9 +101,9 @@ void KyoHotKey::setDescriptor(const Descriptor& d) {
 }
 
 std::map<std::string, int64_t> KyoHotKey::archive() const {
-  return {{kKeyCodeKey, m_keyCode},   {kKeyCharacterKey, m_keyCharacter}, {kCapsLockKey, m_capsLock},
-          {kShiftKey, m_shift},       {kControlKey, m_control},           {kOptionKey, m_option},
-          {kCommandKey, m_command},   {kFunctionKey, m_function}};
+  return {{kKeyCodeKey, m_keyCode}, {kKeyCharacterKey, m_keyCharacter}, {kCapsLockKey, m_capsLock},
+          {kShiftKey, m_shift},     {kControlKey, m_control},           {kOptionKey, m_option},
+          {kCommandKey, m_command}, {kFunctionKey, m_function}};
 }
 
 KyoHotKey KyoHotKey::fromArchive(const std::map<std::string, int64_t>& archive) {

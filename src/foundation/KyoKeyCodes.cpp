@@ -163,6 +163,4 @@ constexpr auto kLookup = makeLookup();
 
 }  // namespace
 
-uint16_t KyoKeyCodeFromEvdev(uint32_t evdevCode) {
-  return evdevCode <= kLastEvdev ? kLookup[evdevCode] : kUnknown;
-}
+uint16_t KyoKeyCodeFromEvdev(uint32_t evdevCode) { return evdevCode <= kLastEvdev ? kLookup[evdevCode] : kUnknown; }

@@ -7,11 +7,13 @@
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 #include "KyoAudioDeviceTestSupport.h"
 #include "audio/KyoAudioDevice.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoLog.h"
+#include "foundation/KyoNotificationCenter.h"
 #include "support/JackServer.h"
 
 namespace {
@@ -103,4 +105,49 @@ TEST(KyoAudioDeviceJack, ADeviceWhoseServerHasGoneFailsToOpenWithALogLine) {
   auto fallback = KyoAudioDevice::defaultOutputDevice();
   ASSERT_TRUE(fallback);
   EXPECT_NE(fallback->deviceUID(), "jack:" + server->name());
+}
+
+// A server that starts and ends is told as a change of the device list and of the
+// default output, as notifications and to the class delegate, never on this thread.
+TEST(KyoAudioDeviceJack, AServerComingAndGoingChangesTheListAndTheDefault) {
+  if (!JackServer::installed()) GTEST_SKIP() << "jackd is not installed";
+  struct ClassWatch : KyoAudioDeviceClassDelegate {
+    std::atomic<int> list{0}, output{0};
+    void audioHardwareDeviceListDidChange() override { list.fetch_add(1); }
+    void audioHardwareDefaultOutputDeviceDidChange() override { output.fetch_add(1); }
+  } delegate;
+  std::atomic<int> listPosts{0}, outputPosts{0};
+  std::atomic<bool> postedHere{false};
+  const auto self = std::this_thread::get_id();
+  auto& center = KyoNotificationCenter::defaultCenter();
+  const auto listToken =
+      center.addObserver(kKyoAudioHardwareDeviceListDidChangeNotification, [&](const KyoNotification&) {
+        listPosts.fetch_add(1);
+        if (std::this_thread::get_id() == self) postedHere = true;
+      });
+  const auto outputToken = center.addObserver(kKyoAudioHardwareDefaultOutputDeviceDidChangeNotification,
+                                              [&](const KyoNotification&) { outputPosts.fetch_add(1); });
+  KyoAudioDevice::setDelegateOfClass(&delegate);
+  ASSERT_TRUE(KyoAudioDevice::defaultOutputDevice());  // the catalogue is listening from here on
+
+  JackServer server;
+  ASSERT_TRUE(server.start()) << server.error();
+  const std::string uid = "jack:" + server.name();
+  EXPECT_TRUE(eventually([&] {
+    auto device = KyoAudioDevice::defaultOutputDevice();
+    return device && device->deviceUID() == uid && listPosts.load() > 0 && outputPosts.load() > 0;
+  })) << "the server's arrival was not told";
+  EXPECT_TRUE(eventually([&] { return delegate.list.load() > 0 && delegate.output.load() > 0; }));
+
+  const int listBefore = listPosts.load(), outputBefore = outputPosts.load();
+  server.kill(SIGTERM);
+  EXPECT_TRUE(eventually([&] {
+    auto device = KyoAudioDevice::defaultOutputDevice();
+    return device && device->deviceUID() != uid && listPosts.load() > listBefore && outputPosts.load() > outputBefore;
+  })) << "the server's end was not told";
+  EXPECT_FALSE(postedHere.load());
+
+  KyoAudioDevice::setDelegateOfClass(nullptr);
+  center.removeObserver(listToken);
+  center.removeObserver(outputToken);
 }

@@ -36,7 +36,8 @@ TEST(KyoHotKey, CaptureRefusesKeysThatCannotBeHotKeysAndLeavesTheValue) {
     EXPECT_TRUE(key.isEqual(before)) << c.what;
   }
   // Characters the mask lets through: backspace (8), 11, 12 and Delete (127).
-  for (char16_t c : {u'\b', u'\x0b', u'\x0c', u'\x7f'}) EXPECT_TRUE(key.setFromKeyEvent(event(KyoKeyCode::kDelete, {c})));
+  for (char16_t c : {u'\b', u'\x0b', u'\x0c', u'\x7f'})
+    EXPECT_TRUE(key.setFromKeyEvent(event(KyoKeyCode::kDelete, {c})));
 }
 
 TEST(KyoHotKey, MatchesThePhysicalKeyWithItsModifiersOnly) {
@@ -76,11 +77,11 @@ TEST(KyoHotKey, DisplayStringNamesEveryKindOfKey) {
     uint16_t character;
     const char* shown;
   } cases[] = {
-      {8, "\u232B"},         {127, "\u232B"},         {0xF739, "\u232B"}, {9, "Tab"},           {13, "Return"},
-      {32, "Space"},         {0xF700, "\u2191"},      {0xF701, "\u2193"}, {0xF702, "\u2190"},   {0xF703, "\u2192"},
-      {0xF704, "F1"},        {0xF70D, "F10"},         {0xF712, "F15"},    {0xF713, "\uF713"},   {0xF728, "\u2326"},
-      {0xF729, "Home"},      {0xF72B, "End"},         {0xF72C, "\u21DE"}, {0xF72D, "\u21DF"},   {'[', "["},
-      {'z', "Z"},            {0xE9, "\u00C9"},        {0xDF, "SS"},       {0x3B1, "\u0391"},    {0xD800, "\uFFFD"},
+      {8, "\u232B"},    {127, "\u232B"},    {0xF739, "\u232B"}, {9, "Tab"},         {13, "Return"},
+      {32, "Space"},    {0xF700, "\u2191"}, {0xF701, "\u2193"}, {0xF702, "\u2190"}, {0xF703, "\u2192"},
+      {0xF704, "F1"},   {0xF70D, "F10"},    {0xF712, "F15"},    {0xF713, "\uF713"}, {0xF728, "\u2326"},
+      {0xF729, "Home"}, {0xF72B, "End"},    {0xF72C, "\u21DE"}, {0xF72D, "\u21DF"}, {'[', "["},
+      {'z', "Z"},       {0xE9, "\u00C9"},   {0xDF, "SS"},       {0x3B1, "\u0391"},  {0xD800, "\uFFFD"},
   };
   for (const auto& c : cases) {
     KyoHotKey key;
@@ -91,7 +92,9 @@ TEST(KyoHotKey, DisplayStringNamesEveryKindOfKey) {
   all.setAllFlags(true);
   all.setKeyCharacter('1');
   // Fixed order, caps lock and function never shown.
-  EXPECT_EQ(all.displayString(), "\u21E7\u2303\u2325\u2318" "1");
+  EXPECT_EQ(all.displayString(),
+            "\u21E7\u2303\u2325\u2318"
+            "1");
   EXPECT_EQ(all.description(), all.displayString());
 }
 
@@ -150,9 +153,10 @@ TEST(KyoKeyCodes, AFullPCKeyboardMapsOntoDistinctKeys) {
     EXPECT_TRUE(seen.insert(key).second) << "evdev " << evdev << " shares key " << key;
   };
   for (uint32_t k = KEY_ESC; k <= KEY_KPDOT; ++k) expectKey(k);
-  for (uint32_t k : {KEY_102ND, KEY_F11, KEY_F12, KEY_KPENTER, KEY_RIGHTCTRL, KEY_KPSLASH, KEY_SYSRQ, KEY_RIGHTALT,
-                     KEY_HOME, KEY_UP, KEY_PAGEUP, KEY_LEFT, KEY_RIGHT, KEY_END, KEY_DOWN, KEY_PAGEDOWN, KEY_INSERT,
-                     KEY_DELETE, KEY_PAUSE, KEY_LEFTMETA, KEY_RIGHTMETA, KEY_COMPOSE})
+  for (uint32_t k :
+       {KEY_102ND,  KEY_F11,    KEY_F12,    KEY_KPENTER,  KEY_RIGHTCTRL, KEY_KPSLASH, KEY_SYSRQ, KEY_RIGHTALT,
+        KEY_HOME,   KEY_UP,     KEY_PAGEUP, KEY_LEFT,     KEY_RIGHT,     KEY_END,     KEY_DOWN,  KEY_PAGEDOWN,
+        KEY_INSERT, KEY_DELETE, KEY_PAUSE,  KEY_LEFTMETA, KEY_RIGHTMETA, KEY_COMPOSE})
     expectKey(k);
   EXPECT_EQ(seen.size(), 105u);
 }

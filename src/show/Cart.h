@@ -18,11 +18,13 @@
 
 class SontoLogger;
 
-// What a cart needs of its workspace until the workspace exists.
+// What a cart and its cues need of their workspace.
 class CartWorkspace {
  public:
   virtual ~CartWorkspace() = default;
   virtual SontoLogger* logger() = 0;
+  // Seconds of a cue's panic fade; 0 cuts at once.
+  virtual float panicDuration() { return 1.0f; }
 };
 
 struct CartSize {

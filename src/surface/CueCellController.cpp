@@ -89,7 +89,9 @@ void setColorWithUndo(const std::weak_ptr<Cue>& weak, const std::string& name, S
 
 // -- CueCellController ------------------------------------------------------------
 
-CueCellController::CueCellController() : m_view(new CueCellView(this)) { refreshView(); }
+CueCellController::CueCellController(QWidget* parentView) : m_view(new CueCellView(this, parentView)) {
+  refreshView();
+}
 
 CueCellController::~CueCellController() {
   setCue(nullptr);
@@ -302,7 +304,7 @@ std::unique_ptr<QMenu> CueCellController::makeMenu(QWidget* parent) {
 
 // -- CueCellView ------------------------------------------------------------------
 
-CueCellView::CueCellView(CueCellController* controller) : m_controller(controller) {
+CueCellView::CueCellView(CueCellController* controller, QWidget* parent) : QWidget(parent), m_controller(controller) {
   setAcceptDrops(true);
   setAttribute(Qt::WA_OpaquePaintEvent, false);
   setFocusPolicy(Qt::NoFocus);
@@ -326,11 +328,15 @@ void CueCellView::mouseReleaseEvent(QMouseEvent* event) {
   }
 }
 
-// Qt turns the second press of a quick pair into this event. In show mode it is a
-// press like any other, so that quick hits fire every time.
+// The second press of a quick pair. Some platforms send it after a press event of
+// its own, some in place of one; in show mode it fires only in the second case, so
+// that every hit fires exactly once.
 void CueCellView::mouseDoubleClickEvent(QMouseEvent* event) {
   if (event->button() != Qt::LeftButton) return QWidget::mouseDoubleClickEvent(event);
-  if (m_controller->isLocked()) return mouseDown(event);
+  if (m_controller->isLocked()) {
+    if (!m_pressed) mouseDown(event);
+    return;
+  }
   if (m_controller->gridView()) m_controller->gridView()->cellMouseDown(m_controller);
   m_controller->importFile();
 }

@@ -31,7 +31,8 @@ class CueCellController : public QObject {
   // Formats that a cell takes from a drag.
   static constexpr const char* kFileURLType = "text/uri-list";
 
-  CueCellController();
+  // The view is made inside the given parent, the grid view.
+  explicit CueCellController(QWidget* parentView = nullptr);
   ~CueCellController() override;
 
   // Owned by this controller, shown as a child of the grid view.
@@ -119,7 +120,7 @@ class CueCellView : public QWidget {
   Q_OBJECT
 
  public:
-  explicit CueCellView(CueCellController* controller);
+  CueCellView(CueCellController* controller, QWidget* parent);
 
   CueCellController* controller() const { return m_controller; }
   bool isPressed() const { return m_pressed; }

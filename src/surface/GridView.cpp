@@ -17,7 +17,6 @@
 GridView::GridView(QWidget* parent) : QWidget(parent) {
   setFocusPolicy(Qt::StrongFocus);
   setAttribute(Qt::WA_OpaquePaintEvent);
-  setMinimumSize(200, 150);
 }
 
 GridView::~GridView() { reset(); }
@@ -78,7 +77,7 @@ void GridView::layoutCues() {
     if (slot < m_cells.size()) {
       m_cells[slot]->view()->setGeometry(frame);
     } else {
-      auto cell = std::make_unique<CueCellController>();
+      auto cell = std::make_unique<CueCellController>(this);
       cell->view()->setGeometry(frame);
       cell->setCue(m_controller ? m_controller->sharedCueForIndex(slot) : nullptr);
       cell->setIndex(slot);
@@ -88,7 +87,7 @@ void GridView::layoutCues() {
         cell->setDefaultHotkey(m_controller->defaultHotkeyForIndex(slot));
         cell->setDefaultMIDINote(m_controller->defaultMIDINoteForIndex(slot));
       }
-      cell->view()->setParent(this);
+      cell->view()->show();
       cell->setLocked(cell->isLocked());
       m_cells.push_back(std::move(cell));
     }

@@ -40,7 +40,7 @@ void appendString(QByteArray& out, const QString& string) {
 void appendNumber(QByteArray& out, const QJsonValue& value) {
   // Whole numbers held as integers (counts, channels) stay integers.
   const QCborValue cbor = QCborValue::fromJsonValue(value);
-  if (cbor.isInteger()) {
+  if (cbor.isInteger() && !std::signbit(value.toDouble())) {
     out.append(QByteArray::number(cbor.toInteger()));
     return;
   }

@@ -71,7 +71,7 @@ bool exists(const std::string& path) {
 bool removeItem(const std::string& path, int* errorNumber) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) {
-    if (errno == ENOENT) return true;
+    if (errno == ENOENT || errno == ENOTDIR) return true;  // nothing there
     if (errorNumber) *errorNumber = errno;
     return false;
   }

@@ -2,8 +2,6 @@
 // reading of a range, the range's end, and the dropped-frame debt that keeps a
 // stream on its time line when the reader outruns the disk.
 
-#include "audio/KyoAudioBuffer.h"
-
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
@@ -13,14 +11,19 @@
 #include <string>
 #include <vector>
 
+#include "audio/KyoAudioBuffer.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoLog.h"
 #include "support/EncodedFiles.h"
 #include "support/TestFiles.h"
+#include "support/Waiting.h"
 
 using namespace sonto::test;
 
 namespace {
+
+using sonto::test::eventually;
+using sonto::test::LogCapture;
 
 constexpr double kRate = 44100;
 
@@ -29,37 +32,6 @@ std::shared_ptr<KyoAlias> rampAlias(const std::string& name, uint32_t channels, 
   EXPECT_TRUE(writeRampFile(path, SF_FORMAT_WAV | SF_FORMAT_FLOAT, kRate, channels, frames));
   return KyoAlias::aliasWithPath(path);
 }
-
-// Polls a condition that another thread makes true; false after 20 seconds.
-template <class Predicate>
-bool waitFor(Predicate ready) {
-  double deadline = KyoMonotonicSeconds() + 20;
-  while (!ready()) {
-    if (KyoMonotonicSeconds() > deadline) return false;
-    KyoCurrentClock().sleepFor(0.0005);
-  }
-  return true;
-}
-
-// Collects the log lines written while it lives.
-class LogCapture {
- public:
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_lines.push_back(line);
-    });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-  std::vector<std::string> lines() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_lines;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_lines;
-};
 
 int64_t firstRampMismatch(ListHolder& list, uint32_t channels, uint32_t frames, int64_t firstFrame) {
   for (uint32_t i = 0; i < frames; ++i)
@@ -182,7 +154,7 @@ TEST(KyoAudioBufferTest, ReadsARangeExactlyToItsEnd) {
     int64_t done = 0;
     int64_t mismatch = -1;
     while (done < total) {
-      ASSERT_TRUE(waitFor([&] { return stream->count() >= std::min<int64_t>(request, total - done); }));
+      ASSERT_TRUE(eventually([&] { return stream->count() >= std::min<int64_t>(request, total - done); }));
       uint32_t got = stream->readFrames(request, list.get(), 0);
       ASSERT_EQ(int64_t(got), std::min<int64_t>(request, total - done));
       if (mismatch < 0) {
@@ -205,14 +177,14 @@ TEST(KyoAudioBufferTest, EndOfFileDrainsTheRingThenAnswersNothing) {
   auto alias = rampAlias("short.wav", 1, 3000);
   auto stream = KyoAudioBuffer::create(alias, 0, 0, 4096, KyoAudioStreamDescription(kRate, 1), false);
   ASSERT_TRUE(stream);
-  ASSERT_TRUE(waitFor([&] { return stream->isFilled(); }));
+  ASSERT_TRUE(eventually([&] { return stream->isFilled(); }));
   EXPECT_EQ(stream->count(), 3000u);
   ListHolder list(1, 4096, false);
   // Down to below half the ring: the fill thread wakes, reads nothing more, and
   // marks the end of the file.
   EXPECT_EQ(stream->readFrames(1100, list.get(), 0), 1100u);
   EXPECT_EQ(firstRampMismatch(list, 1, 1100, 0), -1);
-  ASSERT_TRUE(waitFor([&] { return stream->isFinished(); }));
+  ASSERT_TRUE(eventually([&] { return stream->isFinished(); }));
   EXPECT_EQ(stream->count(), 1900u);
   EXPECT_EQ(stream->readFrames(4096, list.get(), 0), 1900u);
   EXPECT_EQ(firstRampMismatch(list, 1, 1900, 1100), -1);
@@ -230,7 +202,7 @@ TEST(KyoAudioBufferTest, ShortfallIsDroppedLaterToKeepTheTimeLine) {
   ASSERT_TRUE(stream);
   ListHolder list(2, 200, false);
 
-  ASSERT_TRUE(waitFor([&] { return stream->count() == 60; }));
+  ASSERT_TRUE(eventually([&] { return stream->count() == 60; }));
   EXPECT_EQ(stream->readFrames(100, list.get(), 0), 60u);
   EXPECT_EQ(firstRampMismatch(list, 2, 60, 0), -1);
   EXPECT_EQ(stream->framesRead(), 60);
@@ -238,7 +210,7 @@ TEST(KyoAudioBufferTest, ShortfallIsDroppedLaterToKeepTheTimeLine) {
   // Ten more arrive: fewer than the 40 owed. They are dropped, and this request of
   // 50 goes undelivered as well, so the debt is 30 + 50.
   gate.grant(10);
-  ASSERT_TRUE(waitFor([&] { return stream->count() == 10; }));
+  ASSERT_TRUE(eventually([&] { return stream->count() == 10; }));
   EXPECT_EQ(stream->readFrames(50, list.get(), 0), 0u);
   EXPECT_EQ(stream->framesRead(), 70);
   EXPECT_EQ(stream->count(), 0u);
@@ -246,7 +218,7 @@ TEST(KyoAudioBufferTest, ShortfallIsDroppedLaterToKeepTheTimeLine) {
   // Once the disk catches up, the next frame delivered is frame 70 + 80 = 150: the
   // reader has asked for 100 + 50 frames in all and is now at 150 on the time line.
   gate.grant(1000);
-  ASSERT_TRUE(waitFor([&] { return stream->count() == 1000; }));
+  ASSERT_TRUE(eventually([&] { return stream->count() == 1000; }));
   EXPECT_EQ(stream->readFrames(100, list.get(), 0), 100u);
   EXPECT_EQ(firstRampMismatch(list, 2, 100, 150), -1);
   EXPECT_EQ(stream->framesRead(), 250);
@@ -266,7 +238,7 @@ TEST(KyoAudioBufferTest, KillWaitsForAReadInProgress) {
   FillGate gate;
   auto stream = KyoAudioBuffer::create(alias, 0, 0, 1024, KyoAudioStreamDescription(kRate, 1), false);
   ASSERT_TRUE(stream);
-  ASSERT_TRUE(waitFor([&] { return gate.isWaiting(); }));
+  ASSERT_TRUE(eventually([&] { return gate.isWaiting(); }));
   std::atomic<bool> killed{false};
   std::thread killer([&] {
     stream->killWorker();

@@ -15,21 +15,14 @@
 #include "foundation/KyoLog.h"
 #include "foundation/KyoNotificationCenter.h"
 #include "support/JackServer.h"
+#include "support/Waiting.h"
 
 namespace {
 
+using sonto::test::eventually;
+
 using sonto::test::JackServer;
 using sonto::test::TestSource;
-
-template <typename Predicate>
-bool eventually(Predicate predicate, double limitSeconds = 10) {
-  const double end = KyoMonotonicSeconds() + limitSeconds;
-  while (!predicate()) {
-    if (KyoMonotonicSeconds() > end) return false;
-    KyoCurrentClock().sleepFor(0.002);
-  }
-  return true;
-}
 
 struct DeathWatch : KyoAudioDeviceDelegate {
   std::atomic<int> died{0};

@@ -10,35 +10,16 @@
 
 #include "KyoAudioDeviceTestSupport.h"
 #include "foundation/KyoLog.h"
+#include "support/Waiting.h"
 
 using sonto::test::OfflineDevice;
 using sonto::test::TestSource;
 
 namespace {
 
+using sonto::test::LogCapture;
+
 constexpr uint32_t kFrames = 128;
-
-// Collects log lines while it lives.
-class LogCapture {
- public:
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_lines.push_back(line);
-    });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-  bool contains(const std::string& text) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    for (const auto& l : m_lines)
-      if (l.find(text) != std::string::npos) return true;
-    return false;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_lines;
-};
 
 class AudioDeviceEngine : public ::testing::Test {
  protected:
@@ -163,7 +144,8 @@ class FakeSend : public KyoAudioSending {
 
 class SentSource : public TestSource {
  public:
-  SentSource(KyoAudioDevice* device, std::shared_ptr<FakeSend> send) : TestSource(device, {0}), m_send(std::move(send)) {}
+  SentSource(KyoAudioDevice* device, std::shared_ptr<FakeSend> send)
+      : TestSource(device, {0}), m_send(std::move(send)) {}
   std::shared_ptr<KyoAudioSending> send() const override { return m_send; }
 
  private:

@@ -17,28 +17,13 @@
 #include "foundation/KyoLog.h"
 #include "support/EncodedFiles.h"
 #include "support/TestFiles.h"
+#include "support/Waiting.h"
 
 using namespace sonto::test;
 
 namespace {
 
-// Captures the log lines of everything done in its lifetime.
-class LogCapture {
- public:
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) { m_lines.push_back(line); });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-  const std::vector<std::string>& lines() const { return m_lines; }
-  std::string all() const {
-    std::string text;
-    for (const std::string& line : m_lines) text += line + "\n";
-    return text;
-  }
-
- private:
-  std::vector<std::string> m_lines;
-};
+using sonto::test::LogCapture;
 
 void writeBytes(const std::string& path, const std::vector<uint8_t>& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
@@ -228,8 +213,10 @@ TEST(KyoAudioFileBadInputTest, HeadersThatClaimAbsurdRatesOrChannelCountsAreRefu
     const char* name;
     uint32_t rate, channels;
   };
-  const Case cases[] = {{"zero-hz.wav", 0, 2}, {"ten-thousand-channels.wav", 44100, 10000},
-                        {"zero-channels.wav", 44100, 0}, {"four-gigahertz.wav", 4000000000u, 1}};
+  const Case cases[] = {{"zero-hz.wav", 0, 2},
+                        {"ten-thousand-channels.wav", 44100, 10000},
+                        {"zero-channels.wav", 44100, 0},
+                        {"four-gigahertz.wav", 4000000000u, 1}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     std::string path = temporaryPath(c.name);
@@ -241,7 +228,8 @@ TEST(KyoAudioFileBadInputTest, HeadersThatClaimAbsurdRatesOrChannelCountsAreRefu
 TEST(KyoAudioFileBadInputTest, VideoWithoutSoundIsRefusedWithItsOwnMessage) {
   std::string path = temporaryPath("silent-film.mp4");
   ASSERT_EQ(run("ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i color=c=black:s=64x48:r=25:d=1 "
-                "-c:v mpeg4 '" + path + "'"),
+                "-c:v mpeg4 '" +
+                path + "'"),
             0);
   std::string log = expectRefused(path);
   EXPECT_EQ(log, "Error: Couldn't find any audio in the file: " + path + "\n");

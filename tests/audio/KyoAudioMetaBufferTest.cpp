@@ -3,14 +3,12 @@
 // playlist, the position arithmetic on huge values, the play-out, drop-outs that
 // keep the time line, and a render-like thread racing a control thread.
 
-#include "audio/KyoAudioMetaBuffer.h"
-
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
 #include <algorithm>
-#include <cmath>
 #include <atomic>
+#include <cmath>
 #include <condition_variable>
 #include <fstream>
 #include <mutex>
@@ -19,14 +17,19 @@
 #include <vector>
 
 #include "audio/KyoAudioFile.h"
+#include "audio/KyoAudioMetaBuffer.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoLog.h"
 #include "support/AllocationCounter.h"
 #include "support/TestFiles.h"
+#include "support/Waiting.h"
 
 using namespace sonto::test;
 
 namespace {
+
+using sonto::test::eventually;
+using sonto::test::LogCapture;
 
 constexpr double kRate = 44100;
 constexpr uint32_t kChannels = 2;
@@ -38,39 +41,6 @@ struct ListDeleter {
 using ListPtr = std::unique_ptr<AudioBufferList, ListDeleter>;
 ListPtr makeList(uint32_t frames) { return ListPtr(KyoAudioBufferListCreate(kChannels, frames, false)); }
 float* channelOf(const ListPtr& list, uint32_t c) { return KyoAudioBufferListChannel(list.get(), c); }
-
-// Polls a condition that another thread makes true; false after 20 seconds.
-template <class Predicate>
-bool waitFor(Predicate ready) {
-  double deadline = KyoMonotonicSeconds() + 20;
-  while (!ready()) {
-    if (KyoMonotonicSeconds() > deadline) return false;
-    KyoCurrentClock().sleepFor(0.0005);
-  }
-  return true;
-}
-
-class LogCapture {
- public:
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_lines.push_back(line);
-    });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-  std::vector<std::string> matching(const std::string& prefix) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    std::vector<std::string> out;
-    for (const auto& l : m_lines)
-      if (l.rfind(prefix, 0) == 0) out.push_back(l);
-    return out;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_lines;
-};
 
 // While closed, holds every fill thread of streams created during its life in
 // front of its next file read, as a disk that does not answer would. A stream
@@ -258,7 +228,7 @@ void playAndCompare(const std::shared_ptr<KyoAlias>& alias, const Channels& refe
         model.devamp();
       }
     }
-    ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(request); })) << "at output frame " << output;
+    ASSERT_TRUE(eventually([&] { return player->isReadyToRead(request); })) << "at output frame " << output;
     ASSERT_EQ(player->readFrames(request, list.get(), 0), request);
     int wraps = 0;
     for (uint32_t i = 0; i < request; ++i) {
@@ -441,9 +411,9 @@ TEST(KyoAudioMetaBufferTest, SeekPositionsAreExactForHugeValues) {
     int64_t seekFrames;
     int64_t expectedFrame;
   };
-  for (Counted c : {Counted{4500 + 2 * loop + 7, 4507}, Counted{4500 + 3 * loop, 9499},
-                    Counted{4500 + 3 * loop + 4591 + 10, 9509}, Counted{played - 1, 14089}, Counted{played, 14090},
-                    Counted{huge, 14090}}) {
+  for (Counted c :
+       {Counted{4500 + 2 * loop + 7, 4507}, Counted{4500 + 3 * loop, 9499}, Counted{4500 + 3 * loop + 4591 + 10, 9509},
+        Counted{played - 1, 14089}, Counted{played, 14090}, Counted{huge, 14090}}) {
     SCOPED_TRACE(c.seekFrames);
     player->goToTime(double(c.seekFrames) / kRate);
     EXPECT_EQ(int64_t(player->currentFileTime() * kRate + 0.5), c.expectedFrame);
@@ -462,10 +432,10 @@ TEST(KyoAudioMetaBufferTest, PlayOnceFinishesOnTheReadAfterTheLastFrame) {
   player->goToTime(0);
   auto list = makeList(1000);
   for (int64_t done = 0; done < 9000; done += 1000) {
-    ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(1000); }));
+    ASSERT_TRUE(eventually([&] { return player->isReadyToRead(1000); }));
     player->readFrames(1000, list.get(), 0);
   }
-  ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(1000); }));
+  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(1000); }));
   EXPECT_EQ(player->readFrames(1000, list.get(), 0), 1000u);
   EXPECT_EQ(channelOf(list, 1)[0], rampSample(10000, 1));
   EXPECT_EQ(channelOf(list, 1)[1], 0.0f);
@@ -487,7 +457,7 @@ TEST(KyoAudioMetaBufferTest, PlayOnceFinishesOnTheReadAfterTheLastFrame) {
   player->goToTime(0.01);
   EXPECT_FALSE(player->isFinished());
   EXPECT_DOUBLE_EQ(player->currentFileTime(), 1441 / kRate);
-  ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(1000); }));
+  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(1000); }));
   player->readFrames(1000, list.get(), 0);
   EXPECT_EQ(channelOf(list, 0)[0], rampSample(1441, 0));
   player->killWorker();
@@ -532,18 +502,18 @@ TEST(KyoAudioMetaBufferTest, DropOutsKeepTheTimeLineAndAreReportedOnceASecond) {
   };
 
   readSilence();  // no report came before, so this one is reported at once
-  ASSERT_TRUE(waitFor([&] { return reports().size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return reports().size() == 1; }));
   readSilence();
   readSilence();
   clock->advance(0.9);
   readSilence();
   clock->advance(0.2);  // 1.1 s since the first report
   readSilence();
-  ASSERT_TRUE(waitFor([&] { return reports().size() == 2; }));
+  ASSERT_TRUE(eventually([&] { return reports().size() == 2; }));
   readSilence();  // owed, not reported within the second
 
   gate.open();
-  ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(441); }));
+  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(441); }));
   auto small = makeList(441);
   EXPECT_EQ(player->readFrames(441, small.get(), 0), 441u);
   for (uint32_t i = 0; i < 441; ++i) {
@@ -558,7 +528,7 @@ TEST(KyoAudioMetaBufferTest, DropOutsKeepTheTimeLineAndAreReportedOnceASecond) {
   // A seek zeroes the 700 frames still owed and restarts the window.
   player->goToTime(0.2);
   clock->advance(5);
-  ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(441); }));
+  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(441); }));
   player->readFrames(441, small.get(), 0);
   EXPECT_EQ(channelOf(small, 0)[0], rampSample(8820, 0));
   player->killWorker();
@@ -575,12 +545,12 @@ TEST(KyoAudioMetaBufferTest, ControlThreadsNeverHoldTheRenderThreadForADiskRead)
     SCOPED_TRACE(kind == 0 ? "goToTime" : "setSlices");
     auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
     ASSERT_TRUE(player);
-    ASSERT_TRUE(waitFor([&] { return player->isReadyToPlay(); }));
+    ASSERT_TRUE(eventually([&] { return player->isReadyToPlay(); }));
     // Take the ring below half: its fill thread wakes and is held in its next read.
     gate.close();
     auto list = makeList(11100);
     player->readFrames(11100, list.get(), 0);
-    ASSERT_TRUE(waitFor([&] { return gate.waiting() == 1; }));
+    ASSERT_TRUE(eventually([&] { return gate.waiting() == 1; }));
 
     std::atomic<bool> controlDone{false};
     std::thread control([&] {
@@ -592,7 +562,7 @@ TEST(KyoAudioMetaBufferTest, ControlThreadsNeverHoldTheRenderThreadForADiskRead)
     });
     // The replacement streams are built only once the control thread has let go of
     // the player; their fill threads then wait in the gate beside the stuck one.
-    bool rebuilt = waitFor([&] { return gate.waiting() >= 2; });
+    bool rebuilt = eventually([&] { return gate.waiting() >= 2; });
     EXPECT_TRUE(rebuilt);
     std::atomic<bool> readDone{false};
     std::thread render([&] {
@@ -600,7 +570,7 @@ TEST(KyoAudioMetaBufferTest, ControlThreadsNeverHoldTheRenderThreadForADiskRead)
       player->readFrames(256, small.get(), 0);
       readDone = true;
     });
-    EXPECT_TRUE(waitFor([&] { return readDone.load(); }));
+    EXPECT_TRUE(eventually([&] { return readDone.load(); }));
     // The control thread is still waiting for the stuck read; nothing else is.
     EXPECT_FALSE(controlDone.load());
     gate.open();
@@ -651,14 +621,26 @@ TEST(KyoAudioMetaBufferTest, RenderAndControlThreadsTogether) {
 
   for (int round = 0; round < 40; ++round) {
     switch (round % 5) {
-      case 0: player->goToTime(0.05 * (round % 7)); break;
-      case 1: player->devamp(); break;
-      case 2: player->setSlices(round % 2 ? looped : describe({{2000, 12000, 3}})); break;
-      case 3: player->goToTime(0); break;
-      case 4: (void)player->timeUntilLoop(); (void)player->elapsedLogicalTime(); (void)player->isReadyToPlay(); break;
+      case 0:
+        player->goToTime(0.05 * (round % 7));
+        break;
+      case 1:
+        player->devamp();
+        break;
+      case 2:
+        player->setSlices(round % 2 ? looped : describe({{2000, 12000, 3}}));
+        break;
+      case 3:
+        player->goToTime(0);
+        break;
+      case 4:
+        (void)player->timeUntilLoop();
+        (void)player->elapsedLogicalTime();
+        (void)player->isReadyToPlay();
+        break;
     }
     uint64_t seen = reads.load();
-    ASSERT_TRUE(waitFor([&] { return reads.load() >= seen + 3; }));
+    ASSERT_TRUE(eventually([&] { return reads.load() >= seen + 3; }));
   }
   stop = true;
   render.join();
@@ -667,7 +649,7 @@ TEST(KyoAudioMetaBufferTest, RenderAndControlThreadsTogether) {
   // Still exact after all that.
   player->setSlices(looped);
   player->goToTime(12000 / kRate);  // 2002 frames into the second pass of the loop
-  ASSERT_TRUE(waitFor([&] { return player->isReadyToRead(4000); }));
+  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(4000); }));
   auto list = makeList(4000);
   player->readFrames(4000, list.get(), 0);
   for (uint32_t i = 0; i < 4000; ++i) {

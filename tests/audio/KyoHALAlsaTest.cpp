@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,26 +15,17 @@
 #include <fstream>
 #include <mutex>
 #include <string>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 #include "audio/KyoHAL.h"
 #include "foundation/KyoClock.h"
 #include "support/AllocationCounter.h"
 #include "support/TestFiles.h"
+#include "support/Waiting.h"
 
 namespace {
 
-template <typename Predicate>
-bool eventually(Predicate predicate, double limitSeconds = 10) {
-  double end = KyoMonotonicSeconds() + limitSeconds;
-  while (!predicate()) {
-    if (KyoMonotonicSeconds() > end) return false;
-    KyoCurrentClock().sleepFor(0.002);
-  }
-  return true;
-}
+using sonto::test::eventually;
 
 struct Cycles {
   std::atomic<int> count{0};
@@ -47,8 +40,7 @@ struct Cycles {
 };
 
 // Writes the ramp of the frame numbers the device has asked for so far.
-void rampProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output,
-              double sampleTime) {
+void rampProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output, double sampleTime) {
   auto* c = static_cast<Cycles*>(client);
   c->inside.fetch_add(1);
   if (c->watch.load()) sonto::test::watchAllocationsOnThisThread(true);
@@ -126,7 +118,8 @@ class KyoHALAlsa : public ::testing::Test {
     rc << "pcm.sontorecord {\n  type file\n  slave.pcm \"null\"\n  file \"" << recordingPath()
        << "\"\n  format \"raw\"\n  hint { show on description \"Sonto test recorder\" }\n}\n";
     rc << "pcm.sontonocard {\n  type hw\n  card 31\n  hint { show on description \"Sonto test no card\" }\n}\n";
-    if (withVanishing) rc << "pcm.sontovanishing {\n  type null\n  hint { show on description \"Sonto test vanishing\" }\n}\n";
+    if (withVanishing)
+      rc << "pcm.sontovanishing {\n  type null\n  hint { show on description \"Sonto test vanishing\" }\n}\n";
     rc.close();
     std::rename((path + ".new").c_str(), path.c_str());
     // A fresh look reads the configuration again.

@@ -15,8 +15,11 @@
 #include "foundation/KyoClock.h"
 #include "support/AllocationCounter.h"
 #include "support/JackServer.h"
+#include "support/Waiting.h"
 
 namespace {
+
+using sonto::test::eventually;
 
 using sonto::test::JackServer;
 
@@ -27,24 +30,12 @@ const bool kServerNamed = [] {
   return true;
 }();
 
-// Waits for what real threads bring about; the limit only keeps a fault from
-// hanging the run, it measures nothing.
-template <typename Predicate>
-bool eventually(Predicate predicate, double limitSeconds = 10) {
-  double end = KyoMonotonicSeconds() + limitSeconds;
-  while (!predicate()) {
-    if (KyoMonotonicSeconds() > end) return false;
-    KyoCurrentClock().sleepFor(0.002);
-  }
-  return true;
-}
-
 #define SKIP_WITHOUT_JACKD()                                                  \
   do {                                                                        \
     if (!JackServer::installed()) {                                           \
       GTEST_SKIP() << "jackd or jack_wait is not installed";                  \
     }                                                                         \
-    if (JackServer::processServerName().empty()) {                           \
+    if (JackServer::processServerName().empty()) {                            \
       GTEST_SKIP() << "every private JACK server name is held by other runs"; \
     }                                                                         \
   } while (0)

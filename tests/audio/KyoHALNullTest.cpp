@@ -11,20 +11,11 @@
 #include "audio/KyoHAL.h"
 #include "foundation/KyoClock.h"
 #include "support/AllocationCounter.h"
+#include "support/Waiting.h"
 
 namespace {
 
-// Waits for a condition that real threads bring about; the limit only keeps a
-// broken build from hanging, it measures nothing.
-template <typename Predicate>
-bool eventually(Predicate predicate, double limitSeconds = 10) {
-  double end = KyoMonotonicSeconds() + limitSeconds;
-  while (!predicate()) {
-    if (KyoMonotonicSeconds() > end) return false;
-    KyoCurrentClock().sleepFor(0.001);
-  }
-  return true;
-}
+using sonto::test::eventually;
 
 KyoAudioObjectID nullDevice() { return KyoHAL::shared().deviceWithUID("null"); }
 

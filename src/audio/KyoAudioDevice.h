@@ -211,6 +211,12 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
   void _deviceChangedNotification(uint32_t objectID, uint32_t selector);
   void _fade(double duration, float finalVolume);
   std::shared_ptr<KyoMatrixMixer> currentMixer() const;
+  // The open mixer's logical input channels and device channels; nothing when closed.
+  struct MixerShape {
+    uint32_t logical = 0;
+    uint32_t device = 0;
+  };
+  std::optional<MixerShape> mixerShape() const;
   // Answers whether the device was open.
   bool closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released);
   void reclaimUsedActions();

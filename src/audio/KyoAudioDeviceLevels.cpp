@@ -82,32 +82,25 @@ void KyoAudioDevice::setVolume(float volume, uint32_t row, uint32_t column) {
     setCrosspointVolume(volume, row - 1, column - 1);
 }
 
-namespace {
-struct Shape {
-  uint32_t logical = 0;
-  uint32_t device = 0;
-};
-}  // namespace
+std::optional<KyoAudioDevice::MixerShape> KyoAudioDevice::mixerShape() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  if (!m_mixerInDesc || !m_mixerOutDesc) return std::nullopt;
+  return MixerShape{m_mixerInDesc->channels(), m_mixerOutDesc->channels()};
+}
 
 void KyoAudioDevice::setSilentCrosspoints() {
-  Shape s;
-  {
-    std::lock_guard<std::mutex> lock(m_engineMutex);
-    if (!m_mixerInDesc || !m_mixerOutDesc) return;
-    s = {m_mixerInDesc->channels(), m_mixerOutDesc->channels()};
-  }
+  const auto shape = mixerShape();
+  if (!shape) return;
+  const MixerShape s = *shape;
   for (uint32_t i = 0; i < s.logical; ++i)
     for (uint32_t o = 0; o < s.device; ++o) setCrosspointVolume(0.0f, i, o);
 }
 
 void KyoAudioDevice::setSilentVolumes() {
   if (!isOpen()) return;
-  Shape s;
-  {
-    std::lock_guard<std::mutex> lock(m_engineMutex);
-    if (!m_mixerInDesc || !m_mixerOutDesc) return;
-    s = {m_mixerInDesc->channels(), m_mixerOutDesc->channels()};
-  }
+  const auto shape = mixerShape();
+  if (!shape) return;
+  const MixerShape s = *shape;
   setMasterVolume(0.0f);
   for (uint32_t o = 0; o < s.device; ++o) setOutputVolume(0.0f, o);
   for (uint32_t i = 0; i < s.logical; ++i) setInputVolume(0.0f, i);
@@ -116,12 +109,9 @@ void KyoAudioDevice::setSilentVolumes() {
 
 void KyoAudioDevice::setDefaultVolumes() {
   if (!isOpen()) return;
-  Shape s;
-  {
-    std::lock_guard<std::mutex> lock(m_engineMutex);
-    if (!m_mixerInDesc || !m_mixerOutDesc) return;
-    s = {m_mixerInDesc->channels(), m_mixerOutDesc->channels()};
-  }
+  const auto shape = mixerShape();
+  if (!shape) return;
+  const MixerShape s = *shape;
   setMasterVolume(1.0f);
   for (uint32_t o = 0; o < s.device; ++o) setOutputVolume(1.0f, o);
   for (uint32_t i = 0; i < s.logical; ++i) setInputVolume(1.0f, i);

@@ -12,10 +12,12 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <map>
 #include <random>
 
 #include "audio/KyoAudioDevice.h"
+#include "foundation/KyoClock.h"
 #include "foundation/KyoEnvironment.h"
 #include "foundation/KyoLog.h"
 #include "show/AudioCue.h"
@@ -445,6 +447,30 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
   step("swapped");
   removeItem(previous, nullptr);
   return true;
+}
+
+void saveInBackground(const QUrl& url, std::shared_ptr<WorkspaceDocument> document,
+                      std::function<void(bool ok, const SavingError& error)> completion,
+                      const WorkspaceWriteHooks& hooks) {
+  // Set once: when the archive is built, or when the save ends before that.
+  auto unblocked = std::make_shared<std::promise<void>>();
+  auto once = std::make_shared<std::once_flag>();
+  auto unblock = [unblocked, once] { std::call_once(*once, [&] { unblocked->set_value(); }); };
+  std::future<void> ready = unblocked->get_future();
+  KyoCurrentClock().detachThread([url, document, completion, hooks, unblock] {
+    WorkspaceWriteHooks threadHooks = hooks;
+    threadHooks.unblockUserInteraction = [&] {
+      if (hooks.unblockUserInteraction) hooks.unblockUserInteraction();
+      unblock();
+    };
+    SavingError error;
+    const bool ok = writePackage(url, *document, &error, threadHooks);
+    unblock();
+    if (completion) {
+      KyoCurrentClock().runOnMain([completion, ok, error] { completion(ok, error); }, false);
+    }
+  });
+  ready.wait();
 }
 
 bool readPackage(const QUrl& url, WorkspaceDocument& document, SavingError* error) {

@@ -104,6 +104,14 @@ std::optional<WorkspaceDocument> documentFromData(const QByteArray& data, std::s
 bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* error,
                   const WorkspaceWriteHooks& hooks = {});
 
+// The save as the document machinery runs it: writePackage on a thread of its own
+// while the calling (main) thread waits until the document data is built; then the
+// caller goes on and the media are collected beside its work. `completion` runs on
+// the main thread with the outcome. The carts must not be edited until this returns.
+void saveInBackground(const QUrl& url, std::shared_ptr<WorkspaceDocument> document,
+                      std::function<void(bool ok, const SavingError& error)> completion,
+                      const WorkspaceWriteHooks& hooks = {});
+
 // Reads the package at `url`: the document, then each cue's media path inside the
 // package (documentPath, else "Media" plus the file's name; paths that lead out of
 // the package are ignored with a log line) through updateFile.

@@ -8,12 +8,15 @@
 
 #include <QFile>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "show/ShowTestSupport.h"
 #include "support/TestFiles.h"
 #include "audio/KyoAudioComponentDescription.h"
 #include "effects/KyoEffect.h"
+#include "foundation/KyoClock.h"
 #include "show/WorkspaceFile.h"
 #include "show/WorkspaceSettings.h"
 
@@ -348,4 +351,48 @@ TEST_F(WorkspaceFileTest, ReadHandsValuesOverInOrderAndDuckedFilesLoseTheirMaste
   ASSERT_TRUE(WorkspaceFile::writePackage(urlOf(package), d, &error));
   EXPECT_EQ(readBytes(package + "/document").find("audioDeviceUID"), std::string::npos);
   EXPECT_FALSE(WorkspaceFile::openDeviceWithUID("alsa:no-such-device-here"));
+}
+
+TEST_F(WorkspaceFileTest, SavingRunsOffTheMainThreadAndReportsOnIt) {
+  auto clock = std::make_shared<KyoPlainClock>();
+  clock->adoptMainThread();
+  KyoInstallClock(clock);
+  const auto mainThread = std::this_thread::get_id();
+
+  auto cart = std::make_shared<Cart>();
+  for (unsigned long i = 0; i < 6; ++i) cart->setCue(mediaCue(media("m" + std::to_string(i) + ".wav", "x"), ""), i);
+  auto document = std::make_shared<WorkspaceDocument>();
+  document->carts = {cart};
+  std::atomic<bool> unblockedOffMain{false};
+  std::atomic<int> mediaSteps{0};
+  WorkspaceWriteHooks hooks;
+  hooks.unblockUserInteraction = [&] { unblockedOffMain = std::this_thread::get_id() != mainThread; };
+  hooks.didReachStep = [&](const char* step) { mediaSteps += std::string(step) == "media"; };
+
+  std::optional<bool> outcome;
+  std::thread::id completedOn;
+  WorkspaceFile::saveInBackground(urlOf(root + "/Background.sonto"), document, [&](bool ok, const SavingError&) {
+    outcome = ok;
+    completedOn = std::this_thread::get_id();
+  }, hooks);
+  // Back on the main thread once the document data is built: every cue has its name.
+  EXPECT_TRUE(unblockedOffMain);
+  for (const auto& [index, cue] : cart->cues()) {
+    const auto& audioCue = static_cast<AudioCue&>(*cue);
+    EXPECT_EQ(audioCue.documentPath(), "Media/" + audioCue.file().substr(audioCue.file().rfind('/') + 1));
+  }
+  clock->runFor(600.0, [&] { return outcome.has_value(); });
+  ASSERT_TRUE(outcome);
+  EXPECT_TRUE(*outcome);
+  EXPECT_EQ(completedOn, mainThread);
+  EXPECT_EQ(mediaSteps, 6);
+
+  // A failure before the document data still lets the main thread go, and reports.
+  std::optional<SavingError> failure;
+  WorkspaceFile::saveInBackground(QUrl("ftp://host/Show.sonto"), document,
+                                  [&](bool ok, const SavingError& error) { failure = error; });
+  clock->runFor(600.0, [&] { return failure.has_value(); });
+  ASSERT_TRUE(failure);
+  EXPECT_EQ(failure->code, 1);
+  KyoInstallClock(nullptr);
 }

@@ -10,7 +10,7 @@ packages=(
   libjack-jackd2-dev libasound2-dev jackd2
   libsndfile1-dev libavformat-dev libavcodec-dev libswresample-dev libavutil-dev
   libsoxr-dev
-  lv2-dev liblilv-dev libsuil-dev mda-lv2
+  lv2-dev liblilv-dev libsuil-dev mda-lv2 lsp-plugins-lv2 x42-plugins
   xvfb xauth
   sox ffmpeg
 )

@@ -222,6 +222,44 @@ class KyoAudioUnit : public KyoAudioRendering {
         return kKyoAudioUnitErr_InvalidProperty;
     }
   }
+  // The size in bytes that getProperty answers for a property, and whether setProperty
+  // takes it. Statuses as getProperty: kKyoAudioUnitErr_InvalidProperty for a property
+  // the unit does not have. Either pointer may be null.
+  virtual int32_t getPropertyInfo(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element, uint32_t* outSize,
+                                  bool* outWritable) const {
+    uint32_t size = 0;
+    bool writable = false;
+    switch (propertyID) {
+      case kKyoAudioUnitProperty_StreamFormat:
+        if (!streamFormat(scope, element)) return kKyoAudioUnitErr_InvalidElement;
+        size = sizeof(AudioStreamBasicDescription);
+        writable = true;
+        break;
+      case kKyoAudioUnitProperty_ElementCount:
+        size = sizeof(uint32_t);
+        writable = (scope == kKyoAudioUnitScope_Input || scope == kKyoAudioUnitScope_Output) &&
+                   canSetElementCount(scope, elementCount(scope) + 1);
+        break;
+      case kKyoAudioUnitProperty_MaximumFramesPerSlice:
+        size = sizeof(uint32_t);
+        writable = true;
+        break;
+      case kKyoAudioUnitProperty_Latency:
+      case kKyoAudioUnitProperty_TailTime:
+        size = sizeof(double);
+        break;
+      case kKyoAudioUnitProperty_SetRenderCallback:
+        if (scope != kKyoAudioUnitScope_Input) return kKyoAudioUnitErr_InvalidScope;
+        size = sizeof(KyoRenderInfo);
+        writable = true;
+        break;
+      default:
+        return kKyoAudioUnitErr_InvalidProperty;
+    }
+    if (outSize) *outSize = size;
+    if (outWritable) *outWritable = writable;
+    return 0;
+  }
   virtual int32_t setProperty(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element, const void* data,
                               uint32_t size) {
     if (!data) return kKyoAudioUnitErr_InvalidPropertyValue;

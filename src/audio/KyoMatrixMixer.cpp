@@ -234,6 +234,33 @@ int32_t KyoMatrixMixer::getProperty(uint32_t propertyID, KyoAudioUnitScope scope
   }
 }
 
+int32_t KyoMatrixMixer::getPropertyInfo(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element,
+                                        uint32_t* outSize, bool* outWritable) const {
+  uint32_t size = 0;
+  bool writable = false;
+  switch (propertyID) {
+    case kKyoAudioUnitProperty_MeteringMode:
+      size = sizeof(uint32_t);
+      writable = true;
+      break;
+    case kKyoAudioUnitProperty_MatrixDimensions:
+      if (!isInitialized()) return kKyoAudioUnitErr_Uninitialized;
+      size = 2 * sizeof(uint32_t);
+      break;
+    case kKyoAudioUnitProperty_MatrixLevels:
+      // The matrix is sized by the formats of the last initialize.
+      if (!isInitialized()) return kKyoAudioUnitErr_Uninitialized;
+      size = uint32_t((size_t(m_inputChannels) + 1) * (size_t(m_outputChannels) + 1) * sizeof(float));
+      writable = true;
+      break;
+    default:
+      return KyoAudioUnit::getPropertyInfo(propertyID, scope, element, outSize, outWritable);
+  }
+  if (outSize) *outSize = size;
+  if (outWritable) *outWritable = writable;
+  return 0;
+}
+
 int32_t KyoMatrixMixer::setProperty(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element,
                                     const void* data, uint32_t size) {
   switch (propertyID) {

@@ -66,6 +66,8 @@ class KyoMatrixMixer final : public KyoAudioUnit {
   // the master.
   int32_t getProperty(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element, void* data,
                       uint32_t* ioSize) const override;
+  int32_t getPropertyInfo(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element, uint32_t* outSize,
+                          bool* outWritable) const override;
   int32_t setProperty(uint32_t propertyID, KyoAudioUnitScope scope, uint32_t element, const void* data,
                       uint32_t size) override;
 

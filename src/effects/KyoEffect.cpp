@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -33,6 +34,36 @@ std::mutex& editorFactoryMutex() {
 KyoEffectEditorFactory& editorFactory() {
   static KyoEffectEditorFactory factory;
   return factory;
+}
+
+std::mutex& alertHandlerMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+KyoEffectAlertHandler& alertHandler() {
+  static KyoEffectAlertHandler handler;
+  return handler;
+}
+
+// Main thread. Without a window layer the alert is a log line, so it is never lost.
+void showAlert(const KyoError& error, const std::string& message, const std::string& information) {
+  KyoEffectAlertHandler handler;
+  {
+    std::lock_guard<std::mutex> lock(alertHandlerMutex());
+    handler = alertHandler();
+  }
+  if (handler) {
+    handler(error, message, information);
+  } else {
+    KyoLog("Alert: %s %s (%s %d)", message.c_str(), information.c_str(), error.domain.c_str(), error.code);
+  }
+}
+
+template <class T>
+T valueFromData(const std::optional<std::vector<uint8_t>>& data) {
+  T value{};
+  if (data) std::memcpy(&value, data->data(), std::min(data->size(), sizeof(T)));
+  return value;
 }
 
 std::vector<std::string> split(const std::string& text, const std::string& separator) {
@@ -622,6 +653,8 @@ bool KyoEffect::setUserPreset(const std::string& path) {
     KyoLog("The preset could not be loaded: Either the preset was not meant for this Audio Unit or the preset file is "
            "corrupted. (%s)",
            path.c_str());
+    showAlert(KyoError{kKyoEffectErrorDomain, kKyoAudioUnitErr_InvalidPropertyValue}, "The preset could not be loaded",
+              "Either the preset was not meant for this Audio Unit or the preset file is corrupted.");
     return false;
   }
   const size_t slash = path.find_last_of('/');
@@ -629,6 +662,98 @@ bool KyoEffect::setUserPreset(const std::string& path) {
   const size_t dot = file.find_last_of('.');
   setCurrentPresetName(dot == std::string::npos || dot == 0 ? file : file.substr(0, dot));
   return true;
+}
+
+// --- Properties ---
+
+std::optional<std::vector<uint8_t>> KyoEffect::dataForProperty(uint32_t property, KyoAudioUnitScope scope,
+                                                               uint32_t element, KyoError* error) {
+  KyoAudioUnit* unit = audioUnit();
+  if (!unit) return std::nullopt;
+  uint32_t size = 0;
+  int32_t status = unit->getPropertyInfo(property, scope, element, &size, nullptr);
+  if (status != 0) {
+    if (error) *error = {kAudioUnitErrorDomain, status};
+    return std::nullopt;
+  }
+  std::vector<uint8_t> data(size);
+  if (size == 0) return data;
+  status = unit->getProperty(property, scope, element, data.data(), &size);
+  if (!KYO_EFFECT_ANSWER(status, kAudioUnitErrorDomain, error)) return std::nullopt;
+  data.resize(size);
+  return data;
+}
+
+bool KyoEffect::boolValueForProperty(uint32_t property, KyoAudioUnitScope scope, uint32_t element, KyoError* error) {
+  return valueFromData<uint32_t>(dataForProperty(property, scope, element, error)) != 0;
+}
+
+uint32_t KyoEffect::unsignedIntValueForProperty(uint32_t property, KyoAudioUnitScope scope, uint32_t element,
+                                                KyoError* error) {
+  return valueFromData<uint32_t>(dataForProperty(property, scope, element, error));
+}
+
+double KyoEffect::doubleValueForProperty(uint32_t property, KyoAudioUnitScope scope, uint32_t element,
+                                         KyoError* error) {
+  return valueFromData<double>(dataForProperty(property, scope, element, error));
+}
+
+bool KyoEffect::isPropertyAvailable(uint32_t property, KyoAudioUnitScope scope, uint32_t element, KyoError* error) {
+  KyoAudioUnit* unit = audioUnit();
+  if (!unit) return false;
+  const int32_t status = unit->getPropertyInfo(property, scope, element, nullptr, nullptr);
+  if (status != 0 && error) *error = {kAudioUnitErrorDomain, status};
+  return status == 0;
+}
+
+bool KyoEffect::isPropertyWritable(uint32_t property, KyoAudioUnitScope scope, uint32_t element, KyoError* error) {
+  KyoAudioUnit* unit = audioUnit();
+  if (!unit) return false;
+  bool writable = false;
+  const int32_t status = unit->getPropertyInfo(property, scope, element, nullptr, &writable);
+  if (status == kKyoAudioUnitErr_InvalidProperty) return false;
+  if (!KYO_EFFECT_ANSWER(status, kAudioUnitErrorDomain, error)) return false;
+  return writable;
+}
+
+bool KyoEffect::setObject(const KyoPropertyObject& object, uint32_t property, KyoAudioUnitScope scope,
+                          uint32_t element, KyoError* error) {
+  KyoAudioUnit* unit = audioUnit();
+  if (std::holds_alternative<std::monostate>(object) || !unit) return true;
+  int32_t status = 0;
+  {
+    std::unique_lock<std::mutex> lock;
+    if (m_stream) lock = std::unique_lock<std::mutex>(m_stream->renderLock());
+    if (const auto* number = std::get_if<uint32_t>(&object)) {
+      status = unit->setProperty(property, scope, element, number, sizeof(uint32_t));
+    } else if (const auto* format = std::get_if<KyoAudioStreamDescription>(&object)) {
+      const AudioStreamBasicDescription record = format->streamDescription();
+      status = unit->setProperty(property, scope, element, &record, sizeof record);
+    } else {
+      const auto& bytes = std::get<std::vector<uint8_t>>(object);
+      // An empty data still has to point somewhere for the unit to read its length.
+      static const uint8_t kNothing = 0;
+      status = unit->setProperty(property, scope, element, bytes.empty() ? &kNothing : bytes.data(),
+                                 uint32_t(bytes.size()));
+    }
+  }
+  return KYO_EFFECT_ANSWER(status, kAudioUnitErrorDomain, error);
+}
+
+bool KyoEffect::setObject(const KyoPropertyObject& object, uint32_t property, KyoAudioUnitScope scope,
+                          uint32_t element) {
+  KyoError error;
+  if (setObject(object, property, scope, element, &error)) return true;
+  char information[128];
+  std::snprintf(information, sizeof information, "The operation couldn\u2019t be completed. (%s error %d.)",
+                error.domain.c_str(), error.code);
+  showAlert(error, "The property could not be set", information);
+  return false;
+}
+
+void KyoEffect::setAlertHandler(KyoEffectAlertHandler handler) {
+  std::lock_guard<std::mutex> lock(alertHandlerMutex());
+  alertHandler() = std::move(handler);
 }
 
 double KyoEffect::latency() {

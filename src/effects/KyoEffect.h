@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "audio/KyoAudioComponentDescription.h"
@@ -54,6 +55,15 @@ struct KyoEffectPreset {
 };
 
 class KyoEffect;
+
+// A value for a unit's property: nothing, a number (sent as 4 unsigned bytes), a
+// stream format (its 40-byte record) or raw bytes.
+using KyoPropertyObject = std::variant<std::monostate, uint32_t, KyoAudioStreamDescription, std::vector<uint8_t>>;
+
+// Shows a failure to the operator as a modal alert, on the main thread: the message
+// and the informative text. Installed by the interface layer.
+using KyoEffectAlertHandler = std::function<void(const KyoError& error, const std::string& message,
+                                                 const std::string& information)>;
 
 // The window of an effect's own interface, made by the interface layer. The engine
 // only opens, closes and asks about it.
@@ -181,6 +191,34 @@ class KyoEffect final : public KyoAudioRendering, public KyoStreamEffect, public
   bool setRenderCallback(const KyoRenderInfo& callback, uint32_t bus, KyoError* error = nullptr);
   void clearRenderCallback() { clearRenderCallbackForBus(0); }
   void clearRenderCallbackForBus(uint32_t bus);
+
+  // --- Properties by number: the short forms are global scope, element 0 ---
+  // Nothing without a unit or when the unit lacks the property.
+  std::optional<std::vector<uint8_t>> dataForProperty(uint32_t property, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,
+                                                      uint32_t element = 0, KyoError* error = nullptr);
+  // The first bytes of the property's data; 0 when there is none.
+  bool boolValueForProperty(uint32_t property, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,
+                            uint32_t element = 0, KyoError* error = nullptr);
+  uint32_t unsignedIntValueForProperty(uint32_t property, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,
+                                       uint32_t element = 0, KyoError* error = nullptr);
+  double doubleValueForProperty(uint32_t property, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,
+                                uint32_t element = 0, KyoError* error = nullptr);
+  bool isPropertyAvailable(uint32_t property, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,
+                           uint32_t element = 0, KyoError* error = nullptr);
+  // False without a log for a property the unit does not have.
+  bool isPropertyWritable(uint32_t property, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,
+                          uint32_t element = 0, KyoError* error = nullptr);
+  // Nothing or no unit answers true. A failure is logged and left in the error.
+  bool setObject(const KyoPropertyObject& object, uint32_t property, KyoAudioUnitScope scope, uint32_t element,
+                 KyoError* error);
+  // Main thread: a failure is shown at once through the alert handler.
+  bool setObject(const KyoPropertyObject& object, uint32_t property, KyoAudioUnitScope scope, uint32_t element);
+  bool setObject(const KyoPropertyObject& object, uint32_t property) {
+    return setObject(object, property, kKyoAudioUnitScope_Global, 0);
+  }
+  bool setUnsignedInt(uint32_t value, uint32_t property) { return setObject(KyoPropertyObject(value), property); }
+  bool setBool(bool value, uint32_t property) { return setObject(KyoPropertyObject(uint32_t(value ? 1 : 0)), property); }
+  static void setAlertHandler(KyoEffectAlertHandler handler);
 
   // --- Parameters: failures are logged and read as 0.0 ---
   float valueForParameter(uint32_t parameter, KyoAudioUnitScope scope = kKyoAudioUnitScope_Global,

@@ -386,10 +386,22 @@ const void* KyoLV2Unit::getPortValue(const char* symbol, void* self, uint32_t* s
     *type = 0;
     return nullptr;
   }
-  unit->m_stateScratch[index] = unit->m_values[index].load(std::memory_order_relaxed);
-  *size = sizeof(float);
-  *type = KyoLV2World::shared().map(LV2_ATOM__Float);
-  return &unit->m_stateScratch[index];
+  // The text form decides the type. A float is written with eight decimals, which
+  // loses small values (0.000375625 came back as 0.00037563); a double with sixteen,
+  // whose fixed-point conversion overflows from about 922 up. So small values go as
+  // doubles and large ones as floats; both come back to the same float.
+  const float value = unit->m_values[index].load(std::memory_order_relaxed);
+  KyoStatePortValue& slot = unit->m_stateScratch[index];
+  if (std::fabs(value) < 512.0f) {
+    slot.d = value;
+    *size = sizeof(double);
+    *type = KyoLV2World::shared().map(LV2_ATOM__Double);
+  } else {
+    slot.f = value;
+    *size = sizeof(float);
+    *type = KyoLV2World::shared().map(LV2_ATOM__Float);
+  }
+  return &slot;
 }
 
 void KyoLV2Unit::setPortValue(const char* symbol, void* self, const void* value, uint32_t size, uint32_t type) {

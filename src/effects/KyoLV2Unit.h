@@ -39,6 +39,12 @@ struct KyoLV2Port {
   uint32_t atomBufferSize = 0;  // bytes, for atom ports
 };
 
+// One control value as handed to lilv during a save.
+union KyoStatePortValue {
+  double d;
+  float f;
+};
+
 struct KyoLV2Preset {
   std::string uri;
   std::string label;
@@ -179,7 +185,7 @@ class KyoLV2Unit final : public KyoAudioUnit {
   // Control values by port index: inputs written by any thread and copied into
   // each instance before its run; outputs published after the run.
   std::unique_ptr<std::atomic<float>[]> m_values;
-  mutable std::vector<float> m_stateScratch;  // port values handed to lilv during a save
+  mutable std::vector<KyoStatePortValue> m_stateScratch;  // port values handed to lilv during a save
   std::atomic<bool> m_bypass{false};
   std::atomic<bool> m_active{false};
   static_assert(std::atomic<float>::is_always_lock_free);

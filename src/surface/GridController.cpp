@@ -187,12 +187,17 @@ void GridController::setCartSizeUndoable(CartSize size) {
 }
 
 void GridController::setCartName(const std::string& name) {
+  if (isLocked()) return;
+  setCartNameUndoable(name);
+}
+
+void GridController::setCartNameUndoable(const std::string& name) {
   const std::string old = m_cart->name();
   if (old == name) return;
   m_cart->setName(name);
   if (m_workspaceController) m_workspaceController->updateTabLabels();
   if (SontoUndoManager* undo = undoManager()) {
-    undo->registerUndo(this, [this, old] { setCartName(old); });
+    undo->registerUndo(this, [this, old] { setCartNameUndoable(old); });
     if (!undo->isUndoing()) undo->setActionName(QStringLiteral("Rename Cart"));
   }
 }

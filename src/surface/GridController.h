@@ -89,6 +89,7 @@ class GridController : public QObject {
 
  private:
   void setCartSizeUndoable(CartSize size);
+  void setCartNameUndoable(const std::string& name);
   // The cue of a file dropped on a slot, replacing what is there.
   void makeCueForFile(const std::string& path, unsigned index, bool withDefaultTriggers);
 

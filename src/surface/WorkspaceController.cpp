@@ -6,6 +6,8 @@
 #include <QClipboard>
 #include <QCloseEvent>
 #include <QHBoxLayout>
+#include <QInputDialog>
+#include <QLineEdit>
 #include <QKeyEvent>
 #include <QKeySequence>
 #include <QLabel>
@@ -268,6 +270,12 @@ void WorkspaceController::buildMenus() {
   show->addAction(QStringLiteral("Minimum Volume"), this, [this] { changeVolume(0.0f); });
   show->addSeparator();
   m_newTabAction = show->addAction(QStringLiteral("New Cart"), this, &WorkspaceController::newTab);
+  m_renameCartAction = show->addAction(QStringLiteral("Rename Cart\u2026"), this, &WorkspaceController::renameCart);
+  m_gridMenu = show->addMenu(QStringLiteral("Grid Size"));
+  for (const char* size : {"1x1", "2x1", "2x2", "3x2", "3x3", "4x3", "4x4", "5x3", "5x4", "5x5"}) {
+    const QString title = QString::fromLatin1(size);
+    m_gridMenu->addAction(title, this, [this, title] { changeGrid(title); });
+  }
   connect(show, &QMenu::aboutToShow, this, &WorkspaceController::updateMenus);
 }
 
@@ -292,6 +300,28 @@ void WorkspaceController::newTab() {
   m_gridControllers.push_back(std::make_unique<GridController>(cart, this));
   addTabForCartController(m_gridControllers.back().get());
   m_tabView->setCurrentIndex(m_tabView->count() - 1);
+}
+
+void WorkspaceController::changeGrid(const QString& title) {
+  GridController* controller = selectedController();
+  if (!controller || isLocked()) return;
+  const QStringList parts = title.split(QLatin1Char('x'));
+  if (parts.size() < 2) return;
+  bool widthOk = false, heightOk = false;
+  const int width = parts.first().trimmed().toInt(&widthOk);
+  const int height = parts.last().trimmed().toInt(&heightOk);
+  // No grid goes beyond the board of five by five.
+  if (!widthOk || !heightOk || width < 1 || height < 1 || width > 5 || height > 5) return;
+  controller->setCartSize({static_cast<float>(width), static_cast<float>(height)});
+}
+
+void WorkspaceController::renameCart() {
+  GridController* controller = selectedController();
+  if (!controller || isLocked()) return;
+  bool ok = false;
+  const QString name = QInputDialog::getText(this, QStringLiteral("Rename Cart"), QStringLiteral("Name:"),
+                                             QLineEdit::Normal, QString::fromStdString(controller->cart()->name()), &ok);
+  if (ok) controller->setCartName(name.toStdString());
 }
 
 void WorkspaceController::selectTab(int number) {
@@ -608,6 +638,8 @@ void WorkspaceController::updateMenus() {
   m_editModeAction->setEnabled(locked);
   m_showModeAction->setEnabled(!locked);
   m_newTabAction->setEnabled(!locked);
+  m_renameCartAction->setEnabled(!locked);
+  m_gridMenu->setEnabled(!locked);
 }
 
 bool WorkspaceController::closeDocument() {

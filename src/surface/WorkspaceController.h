@@ -21,6 +21,7 @@ class GridController;
 class QAction;
 class QButtonGroup;
 class QLabel;
+class QMenu;
 class QPushButton;
 class QSlider;
 class QSplitter;
@@ -93,6 +94,9 @@ class WorkspaceController : public QMainWindow {
   void addTabForCartController(GridController* controller);
   void newTab();
   void updateTabLabels();
+  // The selected cart's grid from a title "<width>x<height>"; refused in show mode.
+  void changeGrid(const QString& title);
+  void renameCart();
   void selectTab(int number);  // counting from 1; beyond the count, nothing
 
   // The document side.
@@ -153,6 +157,8 @@ class WorkspaceController : public QMainWindow {
   QAction* m_editModeAction = nullptr;
   QAction* m_showModeAction = nullptr;
   QAction* m_newTabAction = nullptr;
+  QMenu* m_gridMenu = nullptr;
+  QAction* m_renameCartAction = nullptr;
   QAction* m_saveAction = nullptr;
   QAction* m_saveAsAction = nullptr;
   QAction* m_revertAction = nullptr;

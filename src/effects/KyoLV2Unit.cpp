@@ -144,6 +144,12 @@ std::unique_ptr<KyoLV2Unit> KyoLV2Unit::create(const std::string& uri, int32_t* 
   LilvNode* stateInterface = lilv_new_uri(lv2.world(), LV2_STATE__interface);
   unit->m_hasStateInterface = lilv_plugin_has_extension_data(plugin, stateInterface);
   lilv_node_free(stateInterface);
+  LilvNode* workerInterface = lilv_new_uri(lv2.world(), LV2_WORKER__interface);
+  LilvNode* workerSchedule = lilv_new_uri(lv2.world(), LV2_WORKER__schedule);
+  unit->m_usesWorker = lilv_plugin_has_extension_data(plugin, workerInterface) ||
+                       lilv_plugin_has_feature(plugin, workerSchedule);
+  lilv_node_free(workerSchedule);
+  lilv_node_free(workerInterface);
   const LilvNode* pluginURI = lilv_plugin_get_uri(plugin);
   if (lilv_world_ask(lv2.world(), pluginURI, nodes.rdfType, nodes.reverbPlugin)) {
     unit->m_tailTime = kReverbTailTime;
@@ -217,10 +223,21 @@ bool KyoLV2Unit::instantiate() {
   const uint32_t count = (uint32_t)m_ports.size();
   m_instances.resize(instancesNeeded());
   for (Instance& slot : m_instances) {
-    slot.instance = lilv_plugin_instantiate(m_plugin, m_sampleRate, m_features);
+    slot.features.assign(m_features, m_features + 5);
+    if (m_usesWorker) {
+      slot.worker = std::make_unique<KyoLV2Worker>();
+      slot.features.push_back(slot.worker->feature());
+    }
+    slot.features.push_back(nullptr);
+    slot.instance = lilv_plugin_instantiate(m_plugin, m_sampleRate, slot.features.data());
     if (!slot.instance) {
       destroyInstances();
       return false;
+    }
+    if (slot.worker) {
+      slot.worker->start(lilv_instance_get_handle(slot.instance),
+                         static_cast<const LV2_Worker_Interface*>(
+                             lilv_instance_get_extension_data(slot.instance, LV2_WORKER__interface)));
     }
     slot.controls.assign(count, 0.0f);
     slot.atoms.assign(count, {});
@@ -252,6 +269,8 @@ bool KyoLV2Unit::instantiate() {
 
 void KyoLV2Unit::destroyInstances() {
   for (Instance& slot : m_instances) {
+    // The worker thread calls into the instance: it goes first.
+    if (slot.worker) slot.worker->stop();
     if (slot.instance) lilv_instance_free(slot.instance);
   }
   m_instances.clear();
@@ -567,7 +586,9 @@ void KyoLV2Unit::runBlock(Instance& slot, size_t index, const AudioBufferList* i
     }
   }
 
+  if (slot.worker) slot.worker->deliverResponses();
   lilv_instance_run(slot.instance, frames);
+  if (slot.worker) slot.worker->endRun();
 
   if (m_inPlaceBroken) {
     for (size_t j = 0; j < m_audioOutputs.size(); ++j) {

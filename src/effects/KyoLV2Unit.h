@@ -22,6 +22,7 @@
 #include "audio/KyoAudioBufferList.h"
 #include "audio/KyoAudioUnit.h"
 #include "audio/KyoMutex.h"
+#include "effects/KyoLV2Worker.h"
 
 struct KyoLV2Port {
   enum class Kind { Audio, Control, CV, Atom, Unknown };
@@ -70,6 +71,10 @@ class KyoLV2Unit final : public KyoAudioUnit {
   double sampleRate() const { return m_sampleRate; }
   uint32_t channels() const { return m_channels; }
   size_t instanceCount() const { return m_instances.size(); }
+  // The worker of an instance, null for a plugin that does not use one.
+  const KyoLV2Worker* worker(size_t instance) const {
+    return instance < m_instances.size() ? m_instances[instance].worker.get() : nullptr;
+  }
 
   // Clears the plugin's memory (delay lines, reverb tails) by a deactivate and activate.
   int32_t reset(KyoAudioUnitScope scope, uint32_t element) override;
@@ -132,6 +137,9 @@ class KyoLV2Unit final : public KyoAudioUnit {
     std::vector<float> controls;                   // by port index
     std::vector<std::vector<uint64_t>> atoms;      // by port index, 8-byte aligned
     std::vector<std::vector<float>> scratch;       // by port index: CV ports, and outputs of in-place-broken plugins
+    // Only for plugins that use the worker; its feature is in this instance's list.
+    std::unique_ptr<KyoLV2Worker> worker;
+    std::vector<const LV2_Feature*> features;
   };
 
   KyoLV2Unit() : KyoAudioUnit(1, 1) {}
@@ -157,6 +165,7 @@ class KyoLV2Unit final : public KyoAudioUnit {
   int32_t m_freeWheelPort = -1;
   bool m_inPlaceBroken = false;
   bool m_hasStateInterface = false;
+  bool m_usesWorker = false;
   double m_tailTime = 0.0;
   uint32_t m_sequenceType = 0;  // URIDs mapped ahead, since mapping takes a lock
   uint32_t m_chunkType = 0;

@@ -1,5 +1,7 @@
 #include "effects/KyoLV2World.h"
 
+#include <lv2/worker/worker.h>
+
 #include <lv2/atom/atom.h>
 #include <lv2/buf-size/buf-size.h>
 #include <lv2/log/log.h>
@@ -134,6 +136,7 @@ std::string KyoLV2World::missingFeature(const LilvPlugin* plugin) {
   static const char* const kSupportedFeatures[] = {
       LV2_URID__map,         LV2_URID__unmap,         LV2_OPTIONS__options,    LV2_BUF_SIZE__boundedBlockLength,
       LV2_LOG__log,          LV2_CORE__hardRTCapable, LV2_CORE__inPlaceBroken, LV2_CORE__isLive,
+      LV2_WORKER__schedule,
   };
   LilvNodes* required = lilv_plugin_get_required_features(plugin);
   std::string missing;

@@ -247,19 +247,6 @@ void AudioCue::setEffects(std::shared_ptr<EffectArray> effects) {
   emit effectsChanged();
 }
 
-void AudioCue::addEffect(const std::shared_ptr<KyoEffect>& effect) {
-  if (!effect) return;
-  m_effects->push_back(effect);
-  emit effectsChanged();
-}
-
-void AudioCue::removeEffect(const std::shared_ptr<KyoEffect>& effect) {
-  auto it = std::find(m_effects->begin(), m_effects->end(), effect);
-  if (it == m_effects->end()) return;
-  m_effects->erase(it);
-  emit effectsChanged();
-}
-
 void AudioCue::setStartTimeValue(double seconds) {
   m_startTime = seconds;
   emit startTimeChanged();
@@ -268,12 +255,6 @@ void AudioCue::setStartTimeValue(double seconds) {
 void AudioCue::setEndTimeValue(double seconds) {
   m_endTime = seconds;
   emit endTimeChanged();
-}
-
-void AudioCue::setAudioDevice(std::shared_ptr<KyoAudioDevice> device) {
-  m_audioDevice = std::move(device);
-  if (m_audioSource) m_audioSource->setDevice(m_audioDevice);
-  emit audioDeviceChanged();
 }
 
 void AudioCue::setDeviceChannelValue(long channel) {

@@ -1,6 +1,12 @@
 #pragma once
 // A cue that plays one audio file: the record (fields, storage, copying, the
-// clipboard, hot key and MIDI trigger). Its playback overrides the transport of Cue.
+// clipboard, hot key and MIDI trigger) and its playback (AudioCuePlayback.cpp).
+//
+// Run state: `playing` is the cue's own flag (started, not yet stopped, true through
+// a pause); isPlaying() is whether its source sounds now. They are different things.
+// Threads: the main thread, except the hard stop and panic workers (one per sounding
+// cue), which touch only the source and the atomics, and bring every change of the
+// cue's observed state back to the main thread.
 
 #include <QByteArray>
 #include <QJsonObject>
@@ -20,7 +26,7 @@
 
 class QMimeData;
 
-class AudioCue : public Cue {
+class AudioCue : public Cue, public std::enable_shared_from_this<AudioCue> {
   Q_OBJECT
 
  public:
@@ -30,6 +36,10 @@ class AudioCue : public Cue {
   static constexpr const char* kPasteboardType = "com.kyomedia.sonto.cue";
   static constexpr const char* kIndexPasteboardType = "com.kyomedia.sonto.cue-index";
   static constexpr const char* kArchiveClassName = "SontoCue";
+  static constexpr double kProgressInterval = 0.1;  // seconds
+  static constexpr double kPanicStep = 0.01;        // seconds
+  static constexpr float kDuckVolume = 0.05f;
+  static constexpr double kDuckSeconds = 2.0;
 
   // Defaults of the record: volume 0, no source, no device.
   AudioCue();
@@ -116,9 +126,42 @@ class AudioCue : public Cue {
   double endTime() const { return m_endTime; }
   void setEndTimeValue(double seconds);
   std::shared_ptr<KyoAudioDevice> audioDevice() const { return m_audioDevice; }
+  // Moves the cue to another device object without stopping it.
   void setAudioDevice(std::shared_ptr<KyoAudioDevice> device) override;
   long deviceChannel() const { return m_deviceChannel; }
   void setDeviceChannelValue(long channel);
+
+  // --- Playback ---
+  void triggerDown() override;
+  void triggerUp() override;
+  void play() override;
+  void pause() override;
+  void resume() override;
+  void stop() override;
+  // Silence in the next cycle, effect tails included; the caller never waits.
+  void hardStop() override;
+  void duck() override;
+  void unduck() override;
+  void updateProgress();
+  void audioFinished();
+
+  bool isPlaying() const;
+  bool isRunning() const { return isPlaying(); }
+  bool isLoaded() const;
+  double elapsedTime() const;
+  double remainingTime() const;
+
+  // Live edits: each keeps the place of a sounding cue.
+  void setVolume(float volume);
+  void setLoops(bool loops);
+  void setStartTime(double seconds);
+  void setEndTime(double seconds);
+  void loadActionAt(double seconds);
+  // The device's whole output matrix, from this channel on (0 or less is 1).
+  void setDeviceChannel(long channel);
+  void moveEffectAtIndex(size_t from, size_t to);
+  void updateEffects();
+  void closeEffectEditors();
 
   // MIDI trigger: status, note, second data byte. Empty until a note is set.
   const QByteArray& midiTrigger() const { return m_midiTrigger; }
@@ -158,8 +201,23 @@ class AudioCue : public Cue {
   void audioDeviceChanged();
   void deviceChannelChanged();
 
+ protected:
+  bool _isActionPanicking() const override { return m_doPanic.load(); }
+  void _panicAction() override;
+
  private:
   static std::unique_ptr<AudioCueSource> makeSource();
+  bool _isActionRunning() const { return isPlaying(); }
+  void _hardStop();
+  // On the panic worker; duration in seconds.
+  void _panic(double duration);
+  // The doPanic flag from a worker: the store at once, the signal on the main thread.
+  void storeDoPanicFromWorker(bool doPanic);
+  void startProgressTimer();
+  void stopProgressTimer();
+  // Gives the last reference that a worker held back to the main thread, so that
+  // the cue (a QObject) is never destroyed on a worker.
+  static void releaseOnMain(std::shared_ptr<AudioCue> self);
   void setMonoCrosspoint();
   // A trigger of three bytes to edit; a missing one starts as a note on of note 0.
   QByteArray editableTrigger() const;

@@ -1,15 +1,17 @@
 #pragma once
-// What a cue record needs of its audio source. The source itself lives in the
-// effects library; until the cue's playback is wired to it, the record reaches it
-// only through this seam, and the application hands the factory over at start.
-// Tests hand over a fake.
+// What a cue needs of its audio source. The source itself lives in the effects
+// library (AudioCueSourceKyo wraps it); the cue reaches it only through this seam,
+// and the application hands the factory over at start. Tests of the records hand
+// over a fake, which may leave the transport at its silent defaults.
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <vector>
 
 class KyoAlias;
 class KyoAudioDevice;
+class KyoEffect;
 
 class AudioCueSource {
  public:
@@ -31,6 +33,31 @@ class AudioCueSource {
   virtual void goToTime(double seconds) = 0;
   // Silence from the next audio cycle on.
   virtual void hardStop() = 0;
+
+  // Transport (main thread, except hardStop and the volumes, which any thread may
+  // call). Inside the device's batch a start or stop takes effect at the batch's cycle.
+  virtual void play() {}
+  // Stops with the effects' tail and keeps the place.
+  virtual void stop() {}
+  virtual bool isPlaying() const { return false; }
+  // Stopped or at its end, the tail included.
+  virtual bool isFinished() const { return true; }
+
+  // Linear gains.
+  virtual void setMasterVolume(float /*volume*/) {}
+  // Returns at once; the level moves on a worker of the clock.
+  virtual void fadeToMasterVolume(float /*volume*/, double /*seconds*/) {}
+
+  // Seconds. Logical time is the place in the slice; play time counts every frame played.
+  virtual double elapsedLogicalTime() const { return 0.0; }
+  virtual double elapsedPlayTime() const { return 0.0; }
+  virtual double audioLengthInSeconds() const { return 0.0; }
+  virtual double startTime() const { return 0.0; }
+  virtual double endTime() const { return 0.0; }
+
+  virtual void setEffects(const std::vector<std::shared_ptr<KyoEffect>>& /*effects*/) {}
+  virtual void addEffect(const std::shared_ptr<KyoEffect>& /*effect*/) {}
+  virtual void removeEffect(const std::shared_ptr<KyoEffect>& /*effect*/) {}
 };
 
 using AudioCueSourceFactory = std::function<std::unique_ptr<AudioCueSource>()>;

@@ -74,3 +74,59 @@ struct FakeWorkspace : CartWorkspace {
   SontoLogger log;
   SontoLogger* logger() override { return &log; }
 };
+
+// --- The real engine under the show: an offline device pulled by hand, virtual time ---
+
+class KyoAudioDevice;
+class KyoAudioSource;
+class KyoVirtualClock;
+
+namespace showtest {
+
+// Installs a virtual clock for the life of the object (made on the main thread, which
+// becomes the clock's main thread); the plain clock comes back afterwards.
+struct VirtualTime {
+  VirtualTime();
+  ~VirtualTime();
+  std::shared_ptr<KyoVirtualClock> clock;
+};
+
+// An offline device, opened with default levels: the caller pulls its cycles.
+struct OfflineDevice {
+  OfflineDevice(uint32_t channels = 2, double rate = 48000, uint32_t frames = 480);
+  ~OfflineDevice();
+  bool pull(uint32_t cycles);
+  std::vector<std::vector<float>> recording();
+  void clear();
+  double cycleSeconds() const { return frames / rate; }
+  uint32_t id = 0;
+  double rate;
+  uint32_t frames;
+  std::shared_ptr<KyoAudioDevice> device;
+};
+
+// Installs the engine's sources for cues made while it lives.
+struct EngineSources {
+  EngineSources();
+  ~EngineSources();
+};
+
+// A 32-bit float WAV whose samples encode their frame number (sonto::test::rampSample).
+std::string rampFile(const std::string& name, double rate, uint32_t channels, int64_t frames);
+KyoAudioSource* engineSource(const AudioCue& cue);
+// Waits in real time for the cue's read-ahead (fill threads run on their own).
+bool waitUntilReady(const AudioCue& cue);
+// Cycle by cycle: one cycle rendered, then virtual time moved on by its length, so
+// that timers and workers see the time that the output has reached.
+void render(OfflineDevice& device, KyoVirtualClock& clock, uint32_t cycles);
+
+// Catches log lines while it lives.
+class LogLines {
+ public:
+  LogLines();
+  ~LogLines();
+  std::vector<std::string> lines() const;
+  size_t count(const std::string& text) const;
+};
+
+}  // namespace showtest

@@ -1,6 +1,8 @@
 // Key events as the show sees them, and the cart edits of the window: grid sizes
 // from their titles (hostile ones included) and renames, with their undo.
 #include <QApplication>
+#include <QClipboard>
+#include <QMimeData>
 #include <QTabWidget>
 
 #include <gtest/gtest.h>
@@ -99,4 +101,43 @@ TEST(WorkspaceWindow, GridSizeFromTitlesAndRenameWithUndo) {
   grid->setCartName("Locked");
   EXPECT_EQ(grid->cart()->size(), (CartSize{3, 2}));
   EXPECT_EQ(grid->cart()->name(), "Act One");
+}
+
+// Copy and paste go through the system clipboard in the cue's own format; paste
+// goes round to a free cell, and a clipboard holding no cue pastes nothing.
+TEST(WorkspaceWindow, CopyCutPasteThroughTheClipboard) {
+  TestWindow t;
+  GridController* grid = t.grid();
+  Cart* cart = grid->cart();
+  auto cue = countingCue("Bell", "B", 4);
+  grid->addCue(cue, 2);
+  EXPECT_FALSE(t.window->canCopy());
+  grid->gridView()->setSelectedIndex(2);
+  ASSERT_TRUE(t.window->canCopy());
+  t.window->copy();
+  ASSERT_TRUE(t.window->canPaste());
+  t.window->paste();  // the selected cell is taken: the next free one
+  Cue* pasted = cart->cueAtIndex(3);
+  ASSERT_NE(pasted, nullptr);
+  EXPECT_NE(pasted, cue.get());
+  EXPECT_EQ(pasted->name(), "Bell");
+  EXPECT_EQ(pasted->hotkey(), "B");
+
+  grid->gridView()->setSelectedIndex(3);
+  t.window->cut();
+  EXPECT_EQ(cart->cueAtIndex(3), nullptr);
+  EXPECT_TRUE(t.window->canPaste());
+
+  auto* junk = new QMimeData;
+  junk->setData(AudioCue::kPasteboardType, QByteArray("{not json at all"));
+  QApplication::clipboard()->setMimeData(junk);
+  const size_t before = cart->count();
+  t.window->paste();
+  EXPECT_EQ(cart->count(), before);
+
+  QApplication::clipboard()->setText("plain text");
+  EXPECT_FALSE(t.window->canPaste());
+  t.window->setShowMode();
+  t.window->copy();  // nothing is selected in show mode: refused silently
+  EXPECT_FALSE(t.window->canPaste());
 }

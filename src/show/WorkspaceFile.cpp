@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -207,6 +208,26 @@ std::shared_ptr<Cue> cueFromArchive(const QJsonObject& archive) {
   return AudioCue::createWithArchive(archive);
 }
 
+// Staging folders of saves that were cut off (their process is gone) hold nothing
+// that the package needs; they are cleared before a new save of the same package.
+void removeAbandonedStaging(const std::string& target) {
+  const std::string folder = parentPath(target);
+  const std::string prefix = "." + lastPathComponent(target) + ".saving-";
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return;
+  std::vector<std::string> abandoned;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.compare(0, prefix.size(), prefix) != 0) continue;
+    const long pid = std::strtol(name.c_str() + prefix.size(), nullptr, 10);
+    if (pid > 0 && pid != getpid() && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+      abandoned.push_back(folder + "/" + name);
+    }
+  }
+  closedir(dir);
+  for (const auto& path : abandoned) removeItem(path, nullptr);
+}
+
 }  // namespace
 
 std::string previousPackagePath(const std::string& packagePath) {
@@ -339,6 +360,7 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
   // rename can swap them.
   const std::string staging = parentPath(target) + "/." + lastPathComponent(target) + ".saving-" + randomSuffix();
   const std::string media = staging + "/" + kMediaFolderName;
+  removeAbandonedStaging(target);
   int e = 0;
   if (!removeItem(staging, &e)) {
     return fail(error, 2, format("Error - failed to remove previous item at %s: %s", staging.c_str(),

@@ -185,6 +185,11 @@ TEST_F(WorkspaceFileSafety, KilledSavesNeverLeaveABrokenPackage) {
       EXPECT_TRUE(number >= 0 && number < round) << version;
     }
   }
+  // The next save clears what the killed ones left beside the package.
+  auto last = show("last", 1, 10);
+  ASSERT_TRUE(WorkspaceFile::writePackage(urlOf(package), last, &error));
+  EXPECT_EQ(sonto::test::run("ls -A '" + root + "' | grep -q saving"), 1);
+  EXPECT_EQ(openedVersion(package), "last");
   RecordProperty("old", sawOld);
   RecordProperty("new", sawNew);
   EXPECT_GT(sawOld + sawNew, 0);

@@ -13,6 +13,7 @@ packages=(
   lv2-dev liblilv-dev libsuil-dev mda-lv2 lsp-plugins-lv2 x42-plugins
   xvfb xauth
   sox ffmpeg
+  clang
 )
 
 missing=()

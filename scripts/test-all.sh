@@ -65,6 +65,26 @@ else
   echo "asan build failed"; status=1
 fi
 
+# A bounded run of the workspace document reader's fuzzer, where clang is installed.
+if command -v clang++ >/dev/null 2>&1; then
+  echo "=== fuzz ==="
+  if CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug -DSONTO_FUZZ=ON \
+       "-DSONTO_SANITIZE=address;undefined" -DSONTO_BUILD_TESTS=OFF -DSONTO_BUILD_BENCH=OFF >/dev/null &&
+     cmake --build build-fuzz -j "$jobs" --target fuzz_document; then
+    mkdir -p build-fuzz/corpus
+    if build-fuzz/fuzz/fuzz_document -max_total_time=60 -max_len=65536 -detect_leaks=0 -dict=fuzz/document.dict \
+         build-fuzz/corpus fuzz/corpus >build-fuzz/fuzz.log 2>&1; then
+      summary+=("fuzz: $(grep -Eo 'Done [0-9]+ runs' build-fuzz/fuzz.log | tail -n1), no failure")
+    else
+      tail -n 40 build-fuzz/fuzz.log
+      summary+=("fuzz: FAILED, see build-fuzz/fuzz.log")
+      status=1
+    fi
+  else
+    echo "fuzz build failed"; status=1
+  fi
+fi
+
 printf '%s\n' "${summary[@]}"
 counts
 exit $status

@@ -220,9 +220,19 @@ bool KyoLV2Unit::instantiate() {
   m_features[4] = &m_logFeature;
   m_features[5] = nullptr;
 
+  if (!instantiateSet(m_instances)) {
+    destroyInstances();
+    return false;
+  }
+  m_instantiatedRate = m_sampleRate;
+  m_instantiatedMaxFrames = m_maxFrames;
+  return true;
+}
+
+bool KyoLV2Unit::instantiateSet(std::vector<Instance>& set) {
   const uint32_t count = (uint32_t)m_ports.size();
-  m_instances.resize(instancesNeeded());
-  for (Instance& slot : m_instances) {
+  set.resize(instancesNeeded());
+  for (Instance& slot : set) {
     slot.features.assign(m_features, m_features + 5);
     if (m_usesWorker) {
       slot.worker = std::make_unique<KyoLV2Worker>();
@@ -230,10 +240,7 @@ bool KyoLV2Unit::instantiate() {
     }
     slot.features.push_back(nullptr);
     slot.instance = lilv_plugin_instantiate(m_plugin, m_sampleRate, slot.features.data());
-    if (!slot.instance) {
-      destroyInstances();
-      return false;
-    }
+    if (!slot.instance) return false;
     if (slot.worker) {
       slot.worker->start(lilv_instance_get_handle(slot.instance),
                          static_cast<const LV2_Worker_Interface*>(
@@ -262,18 +269,18 @@ bool KyoLV2Unit::instantiate() {
       }
     }
   }
-  m_instantiatedRate = m_sampleRate;
-  m_instantiatedMaxFrames = m_maxFrames;
   return true;
 }
 
-void KyoLV2Unit::destroyInstances() {
-  for (Instance& slot : m_instances) {
+void KyoLV2Unit::destroyInstances() { destroySet(m_instances); }
+
+void KyoLV2Unit::destroySet(std::vector<Instance>& set) {
+  for (Instance& slot : set) {
     // The worker thread calls into the instance: it goes first.
     if (slot.worker) slot.worker->stop();
     if (slot.instance) lilv_instance_free(slot.instance);
   }
-  m_instances.clear();
+  set.clear();
 }
 
 int32_t KyoLV2Unit::initializeUnit() {
@@ -484,11 +491,35 @@ bool KyoLV2Unit::restore(const LilvState* state, std::string* label) {
     KyoLog("Error: %s: the saved settings belong to %s", m_uri.c_str(), plugin ? lilv_node_as_uri(plugin) : "nothing");
     return false;
   }
-  if (lilv_state_get_num_properties(state) > 0) {
-    // A restore of the plugin's own state must not overlap a run of the instance.
+  if (lilv_state_get_num_properties(state) > 0 && m_active.load(std::memory_order_acquire)) {
+    // While the unit plays, the state goes into new instances beside the running
+    // ones, which are swapped in between two cycles: the render thread never meets a
+    // plugin half restored, and never lets a cycle through unprocessed.
+    std::vector<Instance> fresh;
+    if (!instantiateSet(fresh)) {
+      destroySet(fresh);
+      KyoLog("Error: %s: no instance to restore the settings into", m_uri.c_str());
+      return false;
+    }
+    for (Instance& slot : fresh) {
+      lilv_state_restore(state, slot.instance, setPortValue, this, LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE,
+                         slot.features.data());
+      lilv_instance_activate(slot.instance);
+    }
+    m_swapping.store(true, std::memory_order_release);
+    {
+      KyoMutexLocker lock(m_runLock);
+      m_instances.swap(fresh);
+    }
+    m_swapping.store(false, std::memory_order_release);
+    for (Instance& slot : fresh) lilv_instance_deactivate(slot.instance);
+    destroySet(fresh);
+  } else if (lilv_state_get_num_properties(state) > 0) {
+    // Not running: nothing renders, the instances take the state where they are.
     KyoMutexLocker lock(m_runLock);
     for (Instance& slot : m_instances) {
-      lilv_state_restore(state, slot.instance, setPortValue, this, LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE, m_features);
+      lilv_state_restore(state, slot.instance, setPortValue, this, LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE,
+                         slot.features.data());
     }
   } else {
     lilv_state_restore(state, nullptr, setPortValue, this, 0, nullptr);
@@ -620,8 +651,15 @@ void KyoLV2Unit::process(const AudioBufferList* input, AudioBufferList* output, 
   for (uint32_t c = 0; c < input->mNumberBuffers; ++c) frames = std::min(frames, input->mBuffers[c].mDataByteSize / 4);
   for (uint32_t c = 0; c < output->mNumberBuffers; ++c) frames = std::min(frames, output->mBuffers[c].mDataByteSize / 4);
   if (!m_runLock.tryLock()) {
-    passThrough(input, output, frames);
-    return;
+    // A swap of restored instances holds the lock for a few instructions only: wait
+    // it out (the lock lends the holder our priority) rather than let a dry cycle
+    // through. Anything else that holds it (a reset, an uninitialize) is long, and
+    // the input passes.
+    if (!m_swapping.load(std::memory_order_acquire)) {
+      passThrough(input, output, frames);
+      return;
+    }
+    m_runLock.lock();
   }
   const bool bypassed = m_bypass.load(std::memory_order_relaxed);
   if (!m_active.load(std::memory_order_acquire) || input->mNumberBuffers < m_channels ||

@@ -5,9 +5,10 @@
 // happens in create() and initialize(); render() only connects ports and runs.
 //
 // Threads: render() and process() on the render thread; parameter values and
-// bypass from any thread (atomics); everything else on the main thread. The render
-// thread never waits: while the main thread holds the run lock (state restore,
-// reset, uninitialize) a cycle passes its input through unchanged.
+// bypass from any thread (atomics); everything else on the main thread. A state
+// restored while the unit plays goes into new instances that are swapped in between
+// cycles; while the main thread holds the run lock for longer (reset, uninitialize)
+// a cycle passes its input through unchanged.
 
 #include <lilv/lilv.h>
 #include <lv2/log/log.h>
@@ -145,6 +146,8 @@ class KyoLV2Unit final : public KyoAudioUnit {
   KyoLV2Unit() : KyoAudioUnit(1, 1) {}
   bool instantiate();
   void destroyInstances();
+  bool instantiateSet(std::vector<Instance>& set);
+  static void destroySet(std::vector<Instance>& set);
   bool restore(const LilvState* state, std::string* label);
   void runBlock(Instance& instance, size_t index, const AudioBufferList* input, AudioBufferList* output,
                 uint32_t offset, uint32_t frames, bool bypassed);
@@ -197,6 +200,8 @@ class KyoLV2Unit final : public KyoAudioUnit {
   mutable std::vector<KyoStatePortValue> m_stateScratch;  // port values handed to lilv during a save
   std::atomic<bool> m_bypass{false};
   std::atomic<bool> m_active{false};
+  // True while restored instances are being swapped in under the run lock.
+  std::atomic<bool> m_swapping{false};
   static_assert(std::atomic<float>::is_always_lock_free);
   static_assert(std::atomic<bool>::is_always_lock_free);
 

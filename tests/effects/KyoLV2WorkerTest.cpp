@@ -54,6 +54,10 @@ struct FakePlugin {
     ++static_cast<FakePlugin*>(instance)->endRuns;
     return LV2_WORKER_SUCCESS;
   }
+  uint32_t workedSoFar() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return worked;
+  }
   void waitFor(uint32_t count) {
     std::unique_lock<std::mutex> lock(mutex);
     done.wait(lock, [&] { return worked >= count; });
@@ -214,7 +218,7 @@ TEST(KyoLV2Worker, StopWhileRequestsPourInJoinsCleanlyAndCanStartAgain) {
         std::this_thread::yield();
       }
     });
-    plugin.waitFor(plugin.worked + 10);
+    plugin.waitFor(plugin.workedSoFar() + 10);
     go.store(false);
     render.join();
     worker.stop();

@@ -47,7 +47,8 @@ bool nextDueTimer(const TimerMap& timers, double limit, KyoClock::TimerId& id, d
 std::atomic<KyoClock*> gClock{nullptr};
 
 KyoClock& plainDefault() {
-  static KyoPlainClock clock;
+  // Never destroyed, like every installed clock: detached workers may outlive main.
+  static KyoPlainClock& clock = *new KyoPlainClock;
   return clock;
 }
 
@@ -60,8 +61,8 @@ KyoClock& KyoCurrentClock() {
 
 void KyoInstallClock(std::shared_ptr<KyoClock> clock) {
   // Clocks are few and live for the process: threads may still hold a reference.
-  static std::mutex m;
-  static std::list<std::shared_ptr<KyoClock>> keep;
+  static std::mutex& m = *new std::mutex;
+  static auto& keep = *new std::list<std::shared_ptr<KyoClock>>;
   std::lock_guard<std::mutex> lock(m);
   if (clock) keep.push_back(clock);
   gClock.store(clock.get(), std::memory_order_release);

@@ -14,9 +14,13 @@
 
 namespace {
 std::atomic<long> gLogLevel{0};
-std::mutex gObjectsMutex;
+std::mutex& objectsMutex() {
+  // Never destroyed: threads that outlive main may still ask.
+  static std::mutex& m = *new std::mutex;
+  return m;
+}
 std::map<std::string, std::any>& objects() {
-  static std::map<std::string, std::any> m;
+  static auto& m = *new std::map<std::string, std::any>;
   return m;
 }
 }  // namespace
@@ -25,13 +29,13 @@ long KyoEnvironment::logLevel() { return gLogLevel.load(std::memory_order_relaxe
 void KyoEnvironment::setLogLevel(long level) { gLogLevel.store(level, std::memory_order_relaxed); }
 
 std::any KyoEnvironment::objectForKey(const std::string& key) {
-  std::lock_guard<std::mutex> lock(gObjectsMutex);
+  std::lock_guard<std::mutex> lock(objectsMutex());
   auto it = objects().find(key);
   return it == objects().end() ? std::any{} : it->second;
 }
 
 void KyoEnvironment::setObject(const std::any& object, const std::string& key) {
-  std::lock_guard<std::mutex> lock(gObjectsMutex);
+  std::lock_guard<std::mutex> lock(objectsMutex());
   if (!object.has_value())
     objects().erase(key);
   else

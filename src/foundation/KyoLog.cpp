@@ -6,11 +6,12 @@
 
 namespace {
 std::mutex& sinkMutex() {
-  static std::mutex m;
+  // Never destroyed: threads that outlive main may still log.
+  static std::mutex& m = *new std::mutex;
   return m;
 }
 KyoLogSink& sink() {
-  static KyoLogSink s;
+  static KyoLogSink& s = *new KyoLogSink;
   return s;
 }
 

@@ -22,7 +22,9 @@ KyoNotificationCenter::KyoNotificationCenter() = default;
 KyoNotificationCenter::~KyoNotificationCenter() = default;
 
 KyoNotificationCenter& KyoNotificationCenter::defaultCenter() {
-  static KyoNotificationCenter center;
+  // Never destroyed: a worker that ends after main (a fade, a hard stop) may still
+  // let go of an object that removes its observers.
+  static KyoNotificationCenter& center = *new KyoNotificationCenter;
   return center;
 }
 

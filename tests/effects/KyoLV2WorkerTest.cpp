@@ -88,7 +88,7 @@ TEST(KyoLV2MessageRing, MessagesComeOutWholeAndInOrderAcrossTheWrap) {
     ASSERT_EQ(ring.nextSize(), length);
     ASSERT_TRUE(ring.read(out.data(), 64, &size));
     ASSERT_EQ(size, length);
-    ASSERT_EQ(std::memcmp(out.data(), message.data(), length), 0) << "round " << round;
+    ASSERT_TRUE(std::equal(message.begin(), message.end(), out.begin())) << "round " << round;
   }
   // Full: a message that does not fit whole is refused and leaves the ring as it was.
   std::vector<uint8_t> big(40, 7);

@@ -3,6 +3,9 @@
 // note off reach the show.
 
 #include <cstdint>
+#include <vector>
+
+#include "audio/KyoMIDIInput.h"
 
 struct SontoMIDIMessage {
   static constexpr uint8_t kNoteOff = 0x80;
@@ -22,5 +25,14 @@ struct SontoMIDIMessage {
   }
   static SontoMIDIMessage noteOff(uint8_t note, uint8_t velocity = 0, int channel = 1) {
     return {static_cast<uint8_t>(kNoteOff | ((channel - 1) & 0x0F)), note, velocity};
+  }
+
+  // The same bytes as the MIDI input hands them over.
+  static SontoMIDIMessage from(const KyoMIDIMessage& message) { return {message.status, message.data1, message.data2}; }
+  static std::vector<SontoMIDIMessage> from(const KyoMIDIMessages& batch) {
+    std::vector<SontoMIDIMessage> messages;
+    messages.reserve(batch.size());
+    for (const KyoMIDIMessage& message : batch) messages.push_back(from(message));
+    return messages;
   }
 };

@@ -125,6 +125,7 @@ class Workspace : public QObject, public CartWorkspace {
   // A batch from the MIDI inputs: in one audio cycle, the workspace's channel only,
   // to every cart.
   void processMIDIMessages(const std::vector<SontoMIDIMessage>& messages);
+  void processMIDIMessages(const KyoMIDIMessages& batch) { processMIDIMessages(SontoMIDIMessage::from(batch)); }
 
   // --- Document state ---
   bool isLocked() const { return m_locked; }  // show mode

@@ -199,7 +199,14 @@ TEST_F(WorkspaceTest, MIDIReachesCartsOnTheWorkspaceChannelOnly) {
     workspace->processMIDIMessages({SontoMIDIMessage::noteOn(60, 100, c.channel)});
     EXPECT_EQ(cue->downs, c.downs) << "filter " << c.filter << ", channel " << c.channel;
   }
-  workspace->processMIDIMessages({});
+  workspace->processMIDIMessages(std::vector<SontoMIDIMessage>{});
+
+  // A batch as the input hands it over reaches the cues as it is: note on, then off.
+  workspace->setMidiChannel(0);
+  cue->downs = 0;
+  workspace->processMIDIMessages(KyoMIDIMessages{{0x93, 60, 90}, {0x83, 60, 0}, {0x90, 61, 90}});
+  EXPECT_EQ(cue->downs, 1);
+  EXPECT_EQ(SontoMIDIMessage::from(KyoMIDIMessage{0x9F, 1, 2}).channel(), 16);
 }
 
 TEST_F(WorkspaceTest, SettersOfFlagsTouchNoAudio) {

@@ -145,8 +145,13 @@ KyoClock::TimerId KyoPlainClock::startTimer(double intervalSeconds, bool repeats
 }
 
 void KyoPlainClock::stopTimer(TimerId timer) {
+  // The timer's work is let go of outside the lock: its captures may read the clock.
+  std::function<void()> released;
   std::lock_guard<std::mutex> lock(m_state->mutex);
-  m_state->timers.erase(timer);
+  auto it = m_state->timers.find(timer);
+  if (it == m_state->timers.end()) return;
+  released = std::move(it->second.fire);
+  m_state->timers.erase(it);
 }
 
 int KyoPlainClock::processEvents() {
@@ -169,11 +174,13 @@ int KyoPlainClock::processEvents() {
       double due = 0;
       if (!nextDueTimer(m_state->timers, now, id, due)) break;
       Timer& t = m_state->timers[id];
-      fire = t.fire;
-      if (t.repeats && t.interval > 0)
+      if (t.repeats && t.interval > 0) {
+        fire = t.fire;
         t.due += t.interval * std::max(1.0, std::floor((now - t.due) / t.interval) + 1);
-      else
+      } else {
+        fire = std::move(t.fire);  // freed after the call, outside the lock
         m_state->timers.erase(id);
+      }
     }
     fire();
     ++ran;
@@ -288,8 +295,13 @@ KyoClock::TimerId KyoVirtualClock::startTimer(double intervalSeconds, bool repea
 }
 
 void KyoVirtualClock::stopTimer(TimerId timer) {
+  // The timer's work is let go of outside the lock: its captures may read the clock.
+  std::function<void()> released;
   std::lock_guard<std::mutex> lock(m_state->mutex);
-  m_state->timers.erase(timer);
+  auto it = m_state->timers.find(timer);
+  if (it == m_state->timers.end()) return;
+  released = std::move(it->second.fire);
+  m_state->timers.erase(it);
 }
 
 int KyoVirtualClock::runningWorkers() {
@@ -306,6 +318,7 @@ void KyoVirtualClock::settle() {
       m_state->queue.pop_front();
       lock.unlock();
       w();
+      w = nullptr;  // its captures go outside the lock: their destructors may read the clock
       lock.lock();
       continue;
     }
@@ -340,11 +353,13 @@ void KyoVirtualClock::advance(double seconds) {
       if (timer && due <= next) {
         // Timers before sleepers at one instant: a timer's work is main-thread work.
         Timer& t = m_state->timers[id];
-        fire = t.fire;
-        if (t.repeats && t.interval > 0)
+        if (t.repeats && t.interval > 0) {
+          fire = t.fire;
           t.due += t.interval;
-        else
+        } else {
+          fire = std::move(t.fire);  // freed after the call, outside the lock
           m_state->timers.erase(id);
+        }
       } else {
         for (auto& s : m_state->sleepers)
           if (!s.woken && s.target <= m_state->now) {

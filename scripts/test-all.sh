@@ -77,6 +77,7 @@ if command -v clang++ >/dev/null 2>&1; then
      cmake --build build-fuzz -j "$jobs" --target fuzz_document; then
     mkdir -p build-fuzz/corpus
     if build-fuzz/fuzz/fuzz_document -max_total_time=60 -max_len=65536 -detect_leaks=0 -dict=fuzz/document.dict \
+         -artifact_prefix=build-fuzz/ \
          build-fuzz/corpus fuzz/corpus >build-fuzz/fuzz.log 2>&1; then
       summary+=("fuzz: $(grep -Eo 'Done [0-9]+ runs' build-fuzz/fuzz.log | tail -n1), no failure")
     else

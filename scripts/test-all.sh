@@ -56,7 +56,7 @@ fi
 # Only the engine's test binaries: the rest would be built for nothing.
 if TARGETS="test_foundation test_audio test_effects" \
     configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DSONTO_SANITIZE=thread -DSONTO_BUILD_BENCH=OFF; then
-  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" RUN_PREFIX="setarch $(uname -m) -R" \
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp" RUN_PREFIX="setarch $(uname -m) -R" \
     run_suite tsan build-tsan -L engine
 else
   echo "tsan build failed"; status=1

@@ -2,6 +2,7 @@
 #include <jack/jack.h>
 #include <jack/midiport.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <string>
@@ -118,15 +119,22 @@ TEST(KyoMIDIInput, JackNotesArriveOnTheMainThreadInOrder) {
   MIDISender sender({{0x90, 60, 100}, {0xB0, 7, 127}, {0x81, 61, 0}, {0xF8}, {0x9F, 62, 0}});
   ASSERT_TRUE(sender.ok());
   ASSERT_EQ(jack_connect(sender.client(), sender.portName().c_str(), stream->jackPortName().c_str()), 0);
-  sender.send();
-  clock->runFor(5.0, [&] { return !received->batches.empty(); });
-  sender.send();
-  clock->runFor(5.0, [&] { return received->batches.size() >= 2; });
-
-  ASSERT_EQ(received->batches.size(), 2u);
+  // A cycle that runs late on a loaded machine (the sanitizers) may see the sender's
+  // buffer already rewritten: send until two whole batches came, and check that
+  // whatever came is in order and filtered.
   const KyoMIDIMessages expected = {{0x90, 60, 100}, {0x81, 61, 0}, {0x9F, 62, 0}};
-  EXPECT_EQ(received->batches[0], expected);
-  EXPECT_EQ(received->batches[1], expected);
+  auto whole = [&] { return std::count(received->batches.begin(), received->batches.end(), expected); };
+  for (int attempt = 0; attempt < 20 && whole() < 2; ++attempt) {
+    const size_t before = received->batches.size();
+    sender.send();
+    clock->runFor(5.0, [&] { return received->batches.size() > before; });
+  }
+  EXPECT_GE(whole(), 2);
+  for (const auto& batch : received->batches) {
+    // Each batch is one cycle's notes, in the order sent: a run of the expected list.
+    auto at = std::search(expected.begin(), expected.end(), batch.begin(), batch.end());
+    EXPECT_TRUE(!batch.empty() && at != expected.end()) << "a batch out of order or unfiltered";
+  }
   EXPECT_TRUE(received->allOnMain);
 
   // The server going away leaves a stream that is quietly deaf, and destroys cleanly.

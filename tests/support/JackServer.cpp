@@ -1,5 +1,6 @@
 #include "support/JackServer.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <vector>
 
 extern char** environ;
@@ -59,6 +62,28 @@ int waitFor(pid_t pid) {
   return status;
 }
 
+// A jackd under this name whose test died before it could end it (a sanitizer
+// halting the run). The name's lock is ours, so no live test owns that server.
+void endOrphanServer(const std::string& name) {
+  DIR* proc = opendir("/proc");
+  if (!proc) return;
+  const std::string wanted = std::string("jackd") + '\0' + "-n" + '\0' + name + '\0';
+  std::vector<pid_t> orphans;
+  while (dirent* entry = readdir(proc)) {
+    const pid_t pid = pid_t(atoi(entry->d_name));
+    if (pid <= 0) continue;
+    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+    std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (cmdline.compare(0, wanted.size(), wanted) == 0) orphans.push_back(pid);
+  }
+  closedir(proc);
+  for (pid_t pid : orphans) {
+    ::kill(pid, SIGKILL);
+    // Not our child: wait for it to be gone from /proc, for a few seconds at most.
+    for (int i = 0; i < 500 && ::kill(pid, 0) == 0; ++i) usleep(10000);
+  }
+}
+
 }  // namespace
 
 bool JackServer::installed() { return onPath("jackd") && onPath("jack_wait"); }
@@ -89,6 +114,7 @@ bool JackServer::start(unsigned periodFrames) {
     m_error = "every private JACK server name is in use by other test runs";
     return false;
   }
+  endOrphanServer(m_name);
   m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
   if (m_pid <= 0) {
     m_error = "jackd could not be run";

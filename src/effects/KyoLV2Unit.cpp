@@ -510,6 +510,7 @@ bool KyoLV2Unit::restore(const LilvState* state, std::string* label) {
     {
       KyoMutexLocker lock(m_runLock);
       m_instances.swap(fresh);
+      m_swaps.fetch_add(1, std::memory_order_release);
     }
     m_swapping.store(false, std::memory_order_release);
     for (Instance& slot : fresh) lilv_instance_deactivate(slot.instance);
@@ -650,12 +651,14 @@ void KyoLV2Unit::process(const AudioBufferList* input, AudioBufferList* output, 
   // Never run past the end of a buffer the caller made too short.
   for (uint32_t c = 0; c < input->mNumberBuffers; ++c) frames = std::min(frames, input->mBuffers[c].mDataByteSize / 4);
   for (uint32_t c = 0; c < output->mNumberBuffers; ++c) frames = std::min(frames, output->mBuffers[c].mDataByteSize / 4);
+  const uint32_t swapsBefore = m_swaps.load(std::memory_order_acquire);
   if (!m_runLock.tryLock()) {
     // A swap of restored instances holds the lock for a few instructions only: wait
     // it out (the lock lends the holder our priority) rather than let a dry cycle
     // through. Anything else that holds it (a reset, an uninitialize) is long, and
-    // the input passes.
-    if (!m_swapping.load(std::memory_order_acquire)) {
+    // the input passes. A swap that ended between the try and this check shows in
+    // the count.
+    if (!m_swapping.load(std::memory_order_acquire) && m_swaps.load(std::memory_order_acquire) == swapsBefore) {
       passThrough(input, output, frames);
       return;
     }

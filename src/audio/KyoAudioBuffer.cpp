@@ -65,10 +65,11 @@ std::shared_ptr<KyoAudioBuffer> KyoAudioBuffer::create(std::shared_ptr<KyoAlias>
   if (matchFileChannels) {
     stream->m_readFormat.setChannels(stream->m_fileChannels);
   } else if (stream->m_readFormat.channels() != stream->m_fileChannels) {
-    KyoLog("Error: KyoAudioBuffer format channels (%lu) did not have the same number of channels as the file (%lu): "
-           "%s",
-           (unsigned long)stream->m_readFormat.channels(), (unsigned long)stream->m_fileChannels,
-           stream->m_description.c_str());
+    KyoLog(
+        "Error: KyoAudioBuffer format channels (%lu) did not have the same number of channels as the file (%lu): "
+        "%s",
+        (unsigned long)stream->m_readFormat.channels(), (unsigned long)stream->m_fileChannels,
+        stream->m_description.c_str());
     return nullptr;
   }
   file.setReadFormat(stream->m_readFormat);
@@ -125,22 +126,9 @@ KyoAudioBuffer::~KyoAudioBuffer() {
 }
 
 void KyoAudioBuffer::killWorker() {
-  if (!m_thread.joinable()) return;
-  int status = m_mutex.lock();
-  if (status != 0) KYO_LOG_STATUS(status);
-  m_keepFillingBuffer.store(false);
-  status = pthread_cond_signal(&m_condition);
-  if (status != 0) KYO_LOG_STATUS(status);
-  while (!m_fillThreadGone) {
-    status = pthread_cond_wait(&m_condition, m_mutex.native());
-    if (status != 0) {
-      KYO_LOG_STATUS(status);
-      break;
-    }
-  }
-  status = m_mutex.unlock();
-  if (status != 0) KYO_LOG_STATUS(status);
-  m_thread.join();
+  KyoStopWorkerThread(
+      m_mutex, m_condition, m_thread, [this] { m_keepFillingBuffer.store(false); },
+      [this] { return m_fillThreadGone; });
 }
 
 // Fill thread. One wake-up reads all the free space in one file read, so a wake at

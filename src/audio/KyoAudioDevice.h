@@ -217,6 +217,8 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
     uint32_t device = 0;
   };
   std::optional<MixerShape> mixerShape() const;
+  // A meter parameter of the mixer for a device channel; 0 and a log line when closed.
+  float outputMeter(uint32_t parameter, uint32_t channel) const;
   // Answers whether the device was open.
   bool closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>>& released);
   void reclaimUsedActions();

@@ -21,8 +21,8 @@ float KyoAudioDevice::masterVolume() const {
   auto mixer = currentMixer();
   if (!mixer) return 0.0f;
   float value = 0.0f;
-  int32_t status =
-      mixer->getParameter(KyoMatrixMixer::kParameterVolume, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, &value);
+  int32_t status = mixer->getParameter(KyoMatrixMixer::kParameterVolume, kKyoAudioUnitScope_Global,
+                                       KyoMatrixMixer::kMasterElement, &value);
   if (status) {
     KYO_LOG_STATUS(status);
     return 0.0f;
@@ -34,8 +34,8 @@ float KyoAudioDevice::masterVolume() const {
 void KyoAudioDevice::setMasterVolume(float volume) {
   auto mixer = currentMixer();
   if (!mixer) return;
-  int32_t status =
-      mixer->setParameter(KyoMatrixMixer::kParameterVolume, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, volume);
+  int32_t status = mixer->setParameter(KyoMatrixMixer::kParameterVolume, kKyoAudioUnitScope_Global,
+                                       KyoMatrixMixer::kMasterElement, volume);
   if (status) KYO_LOG_STATUS(status);
 }
 
@@ -68,7 +68,8 @@ void KyoAudioDevice::setOutputVolume(float volume, uint32_t channel) {
 }
 
 void KyoAudioDevice::setCrosspointVolume(float volume, uint32_t input, uint32_t output) {
-  for (uint32_t c = input; c < kMixerInputChannels; c += kKyoLogicalChannels) _setRawCrosspointVolume(volume, c, output);
+  for (uint32_t c = input; c < kMixerInputChannels; c += kKyoLogicalChannels)
+    _setRawCrosspointVolume(volume, c, output);
 }
 
 void KyoAudioDevice::setVolume(float volume, uint32_t row, uint32_t column) {
@@ -121,8 +122,7 @@ void KyoAudioDevice::setDefaultVolumes() {
 
 // --- Fades ---
 
-float KyoAudioDevice::_computeFadeWithStartVolume(float startVolume, float endVolume, double duration,
-                                                  double elapsed) {
+float KyoAudioDevice::_computeFadeWithStartVolume(float startVolume, float endVolume, double duration, double elapsed) {
   if (!(duration > 0.0)) return endVolume;
   const float t = float(std::min(duration, elapsed) / duration);
   const float f = float(std::cos(double(t) * M_PI) * 0.5 + 0.5);
@@ -153,11 +153,10 @@ void KyoAudioDevice::_fade(double duration, float finalVolume) {
 
 // --- Meters ---
 
-float KyoAudioDevice::outPostAveragePowerAtChannel(uint32_t channel) const {
+float KyoAudioDevice::outputMeter(uint32_t parameter, uint32_t channel) const {
   auto mixer = currentMixer();
   float value = 0.0f;
-  int32_t status = mixer ? mixer->getParameter(KyoMatrixMixer::kParameterPostAveragePower, kKyoAudioUnitScope_Output,
-                                               channel, &value)
+  int32_t status = mixer ? mixer->getParameter(parameter, kKyoAudioUnitScope_Output, channel, &value)
                          : kKyoAudioUnitErr_Uninitialized;
   if (status) {
     KYO_LOG_STATUS(status);
@@ -166,17 +165,12 @@ float KyoAudioDevice::outPostAveragePowerAtChannel(uint32_t channel) const {
   return value;
 }
 
+float KyoAudioDevice::outPostAveragePowerAtChannel(uint32_t channel) const {
+  return outputMeter(KyoMatrixMixer::kParameterPostAveragePower, channel);
+}
+
 float KyoAudioDevice::outPostPeakHoldLevelAtChannel(uint32_t channel) const {
-  auto mixer = currentMixer();
-  float value = 0.0f;
-  int32_t status = mixer ? mixer->getParameter(KyoMatrixMixer::kParameterPostPeakHoldLevel, kKyoAudioUnitScope_Output,
-                                               channel, &value)
-                         : kKyoAudioUnitErr_Uninitialized;
-  if (status) {
-    KYO_LOG_STATUS(status);
-    return 0.0f;
-  }
-  return value;
+  return outputMeter(KyoMatrixMixer::kParameterPostPeakHoldLevel, channel);
 }
 
 // For a developer: the whole matrix on standard output (24000 rows on a device).

@@ -15,8 +15,8 @@ constexpr double kDroppedFramesReportInterval = 1.0;  // seconds of wall clock
 
 int64_t saturatingAdd(int64_t a, int64_t b) {
   int64_t sum = 0;
-  if (__builtin_add_overflow(a, b, &sum)) return b > 0 ? std::numeric_limits<int64_t>::max()
-                                                       : std::numeric_limits<int64_t>::min();
+  if (__builtin_add_overflow(a, b, &sum))
+    return b > 0 ? std::numeric_limits<int64_t>::max() : std::numeric_limits<int64_t>::min();
   return sum;
 }
 
@@ -73,22 +73,8 @@ void KyoAudioMetaBuffer::DeadStreams::kill() {
 }
 
 void KyoAudioMetaBuffer::killWorker() {
-  if (!m_thread.joinable()) return;
-  int status = m_mutex.lock();
-  if (status != 0) KYO_LOG_STATUS(status);
-  m_keepTendingBuffers = false;
-  status = pthread_cond_signal(&m_condition);
-  if (status != 0) KYO_LOG_STATUS(status);
-  while (!m_tendingThreadGone) {
-    status = pthread_cond_wait(&m_condition, m_mutex.native());
-    if (status != 0) {
-      KYO_LOG_STATUS(status);
-      break;
-    }
-  }
-  status = m_mutex.unlock();
-  if (status != 0) KYO_LOG_STATUS(status);
-  m_thread.join();
+  KyoStopWorkerThread(
+      m_mutex, m_condition, m_thread, [this] { m_keepTendingBuffers = false; }, [this] { return m_tendingThreadGone; });
 }
 
 // Unhooks both streams; the caller kills them after releasing the mutex, since a
@@ -128,8 +114,7 @@ void KyoAudioMetaBuffer::setSlices(const std::vector<KyoSliceDescription>& entri
   double total = 0;
   for (const KyoSliceDescription& e : entries) {
     fresh.push_back(KyoSlice{e.startTime, e.endTime, KyoFramesFromSeconds(e.startTime, rate),
-                             KyoFramesFromSeconds(e.endTime, rate),
-                             int64_t(e.playCount), int64_t(e.playCount)});
+                             KyoFramesFromSeconds(e.endTime, rate), int64_t(e.playCount), int64_t(e.playCount)});
     // An endless slice counts once in the playing length.
     total += (e.endTime - e.startTime) * double(e.playCount < 0 ? 1 : e.playCount);
   }

@@ -6,6 +6,10 @@
 
 #include <pthread.h>
 
+#include <thread>
+
+#include "foundation/KyoLog.h"
+
 class KyoMutex {
  public:
   KyoMutex() {
@@ -38,3 +42,26 @@ class KyoMutexLocker {
  private:
   KyoMutex& m_mutex;
 };
+
+// Ends a worker thread that waits on `condition` under `mutex`: `stop` (called under
+// the mutex) tells it to leave, and the call returns once `gone` (read under the
+// mutex) holds and the thread is joined. Statuses are logged, as the engine does.
+template <class Stop, class Gone>
+void KyoStopWorkerThread(KyoMutex& mutex, pthread_cond_t& condition, std::thread& thread, Stop stop, Gone gone) {
+  if (!thread.joinable()) return;
+  int status = mutex.lock();
+  if (status != 0) KYO_LOG_STATUS(status);
+  stop();
+  status = pthread_cond_signal(&condition);
+  if (status != 0) KYO_LOG_STATUS(status);
+  while (!gone()) {
+    status = pthread_cond_wait(&condition, mutex.native());
+    if (status != 0) {
+      KYO_LOG_STATUS(status);
+      break;
+    }
+  }
+  status = mutex.unlock();
+  if (status != 0) KYO_LOG_STATUS(status);
+  thread.join();
+}

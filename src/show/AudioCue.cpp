@@ -3,7 +3,6 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QMimeData>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -13,6 +12,7 @@
 #include "foundation/KyoAlias.h"
 #include "foundation/KyoEnvironment.h"
 #include "foundation/KyoLog.h"
+#include "show/SontoArchive.h"
 
 namespace {
 
@@ -24,37 +24,22 @@ AudioCueSourceFactory& sourceFactory() {
 
 QString qs(const std::string& s) { return QString::fromStdString(s); }
 
-QJsonArray rgbaArray(const KyoRGBA& c) { return QJsonArray{c.red, c.green, c.blue, c.alpha}; }
+QJsonArray rgbaArray(const KyoRGBA& c) { return SontoArchive::colorArray(c.red, c.green, c.blue, c.alpha); }
 
 std::optional<KyoRGBA> rgbaFromArray(const QJsonValue& value) {
-  const QJsonArray a = value.toArray();
-  if (a.size() != 4) return std::nullopt;
-  for (const QJsonValue& v : a) {
-    if (!v.isDouble()) return std::nullopt;
-  }
-  return KyoRGBA{a[0].toDouble(), a[1].toDouble(), a[2].toDouble(), a[3].toDouble()};
+  const auto c = SontoArchive::colorFromValue(value);
+  if (!c) return std::nullopt;
+  return KyoRGBA{(*c)[0], (*c)[1], (*c)[2], (*c)[3]};
 }
 
-QJsonObject dataObject(const QByteArray& data) {
-  QJsonObject object;
-  object.insert(QStringLiteral("$data"), QString::fromLatin1(data.toBase64()));
-  return object;
-}
-
-std::optional<QByteArray> dataFromObject(const QJsonValue& value) {
-  if (!value.isObject()) return std::nullopt;
-  const QJsonValue data = value.toObject().value(QStringLiteral("$data"));
-  if (!data.isString()) return std::nullopt;
-  auto result = QByteArray::fromBase64Encoding(data.toString().toLatin1(), QByteArray::AbortOnBase64DecodingErrors);
-  if (!result) return std::nullopt;
-  return *result;
-}
+using SontoArchive::dataFromValue;
+using SontoArchive::dataObject;
 
 QJsonObject effectPropertiesArchive(const KyoEffectProperties& p) {
   QJsonObject o;
   o.insert("class", qs(p.className));
   o.insert("component", dataObject(QByteArray(reinterpret_cast<const char*>(p.component.data()),
-                                               static_cast<qsizetype>(p.component.size()))));
+                                              static_cast<qsizetype>(p.component.size()))));
   o.insert("manufacturer", qs(p.manufacturer));
   o.insert("name", qs(p.name));
   o.insert("displayName", qs(p.displayName));
@@ -68,7 +53,7 @@ QJsonObject effectPropertiesArchive(const KyoEffectProperties& p) {
 KyoEffectProperties effectPropertiesFromArchive(const QJsonObject& o) {
   KyoEffectProperties p;
   if (o.value("class").isString()) p.className = o.value("class").toString().toStdString();
-  if (auto component = dataFromObject(o.value("component"))) p.component.assign(component->begin(), component->end());
+  if (auto component = dataFromValue(o.value("component"))) p.component.assign(component->begin(), component->end());
   p.manufacturer = o.value("manufacturer").toString().toStdString();
   p.name = o.value("name").toString().toStdString();
   p.displayName = o.value("displayName").toString().toStdString();
@@ -299,12 +284,18 @@ void AudioCue::setMidiTriggerFrom(const SontoMIDIMessage& message) {
 int AudioCue::midiTriggerCommand() const {
   if (m_midiTrigger.isEmpty()) return 0;
   switch (static_cast<uint8_t>(m_midiTrigger[0])) {
-    case 144: return 1;
-    case 160: return 2;
-    case 176: return 3;
-    case 192: return 4;
-    case 208: return 5;
-    default: return 0;
+    case 144:
+      return 1;
+    case 160:
+      return 2;
+    case 176:
+      return 3;
+    case 192:
+      return 4;
+    case 208:
+      return 5;
+    default:
+      return 0;
   }
 }
 
@@ -315,9 +306,7 @@ void AudioCue::setMidiTriggerCommand(int command) {
   setMidiTrigger(trigger);
 }
 
-int AudioCue::midiTriggerByte2() const {
-  return m_midiTrigger.size() < 3 ? 0 : static_cast<uint8_t>(m_midiTrigger[2]);
-}
+int AudioCue::midiTriggerByte2() const { return m_midiTrigger.size() < 3 ? 0 : static_cast<uint8_t>(m_midiTrigger[2]); }
 
 void AudioCue::setMidiTriggerByte2(int value) {
   // 128 is let through on purpose, one beyond a data byte.
@@ -331,8 +320,7 @@ void AudioCue::setMidiTriggerByte2(int value) {
 // without the channel.
 bool AudioCue::matchesForMIDIDown(const SontoMIDIMessage& message) const {
   const auto note = midiNote();
-  return note && message.dataByte1 == *note && message.status() == SontoMIDIMessage::kNoteOn &&
-         message.dataByte2 != 0;
+  return note && message.dataByte1 == *note && message.status() == SontoMIDIMessage::kNoteOn && message.dataByte2 != 0;
 }
 
 bool AudioCue::matchesForMIDIUp(const SontoMIDIMessage& message) const {
@@ -439,7 +427,7 @@ std::shared_ptr<AudioCue> AudioCue::createWithArchive(const QJsonObject& o) {
   if (color.value("name").isString() && start && end) {
     cue->m_color = SontoColor::decodedColor(color.value("name").toString().toStdString(), *start, *end);
   }
-  if (auto trigger = dataFromObject(o.value("midiTrigger"))) cue->m_midiTrigger = *trigger;
+  if (auto trigger = dataFromValue(o.value("midiTrigger"))) cue->m_midiTrigger = *trigger;
   cue->m_startTime = number("startTime", 0.0);
   cue->m_endTime = number("endTime", 0.0);
   cue->setFlagged(boolean("flagged"));

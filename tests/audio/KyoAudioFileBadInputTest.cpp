@@ -168,6 +168,7 @@ TEST(KyoAudioFileBadInputTest, RunningOutOfFileHandlesGivesItsOwnMessageAndNoFal
   EXPECT_TRUE(again.validFile());
 }
 
+// Files that are no audio, and WAV headers that claim absurd rates or channel counts.
 TEST(KyoAudioFileBadInputTest, FilesThatAreNotAudioAreRefusedWithTheFallbacksLines) {
   std::mt19937 random(1234);
   std::vector<uint8_t> noise(64 * 1024);
@@ -183,6 +184,10 @@ TEST(KyoAudioFileBadInputTest, FilesThatAreNotAudioAreRefusedWithTheFallbacksLin
       {"noise.flac", noise},
       {"noise.m4a", noise},
       {"text.aiff", {'n', 'o', 't', ' ', 'a', 'u', 'd', 'i', 'o', '\n'}},
+      {"zero-hz.wav", wavWithHeader(0, 2)},
+      {"ten-thousand-channels.wav", wavWithHeader(44100, 10000)},
+      {"zero-channels.wav", wavWithHeader(44100, 0)},
+      {"four-gigahertz.wav", wavWithHeader(4000000000u, 1)},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -210,23 +215,6 @@ TEST(KyoAudioFileBadInputTest, RandomBytesNamedMp3NeverCrash) {
       continue;
     }
     EXPECT_LT(readToTheEnd(*file), int64_t(noise.size()) * 8);
-  }
-}
-
-TEST(KyoAudioFileBadInputTest, HeadersThatClaimAbsurdRatesOrChannelCountsAreRefused) {
-  struct Case {
-    const char* name;
-    uint32_t rate, channels;
-  };
-  const Case cases[] = {{"zero-hz.wav", 0, 2},
-                        {"ten-thousand-channels.wav", 44100, 10000},
-                        {"zero-channels.wav", 44100, 0},
-                        {"four-gigahertz.wav", 4000000000u, 1}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::string path = temporaryPath(c.name);
-    writeBytes(path, wavWithHeader(c.rate, c.channels));
-    expectFallbackRefusal(path, expectRefused(path));
   }
 }
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
-#include <condition_variable>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -21,6 +20,7 @@
 #include "foundation/KyoClock.h"
 #include "foundation/KyoLog.h"
 #include "support/AllocationCounter.h"
+#include "FillGate.h"
 #include "support/TestFiles.h"
 #include "support/Waiting.h"
 
@@ -41,45 +41,6 @@ struct ListDeleter {
 using ListPtr = std::unique_ptr<AudioBufferList, ListDeleter>;
 ListPtr makeList(uint32_t frames) { return ListPtr(KyoAudioBufferListCreate(kChannels, frames, false)); }
 float* channelOf(const ListPtr& list, uint32_t c) { return KyoAudioBufferListChannel(list.get(), c); }
-
-// While closed, holds every fill thread of streams created during its life in
-// front of its next file read, as a disk that does not answer would. A stream
-// stuck there cannot be killed: open the gate first. Destroy the streams before it.
-class FillGate {
- public:
-  explicit FillGate(bool open = false) : m_open(open) {
-    KyoAudioBuffer::setFillLimiterForTesting([this](uint32_t wanted) {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      ++m_waiting;
-      m_cv.wait(lock, [&] { return m_open; });
-      --m_waiting;
-      return wanted;
-    });
-  }
-  ~FillGate() {
-    open();
-    KyoAudioBuffer::setFillLimiterForTesting(nullptr);
-  }
-  void open() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_open = true;
-    m_cv.notify_all();
-  }
-  void close() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_open = false;
-  }
-  int waiting() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_waiting;
-  }
-
- private:
-  std::mutex m_mutex;
-  std::condition_variable m_cv;
-  bool m_open;
-  int m_waiting = 0;
-};
 
 // ---------------------------------------------------------------------------
 // Files and the reference of what they hold

@@ -188,7 +188,6 @@ TEST(KyoAudioRingBuffer, ProducerAndConsumerThreadsMoveEveryFrameInOrder) {
   uint64_t received = 0;
   uint32_t step = 0;
   int64_t mismatchAt = -1;
-  double checksum = 0, expected = 0;
   while (received < kTotal) {
     uint32_t chunk = 1 + (step++ * 53) % 900;
     uint32_t n = KyoAudioRingBufferRead(ring.get(), out.get(), 0, chunk);
@@ -200,16 +199,11 @@ TEST(KyoAudioRingBuffer, ProducerAndConsumerThreadsMoveEveryFrameInOrder) {
       int64_t bad = firstMismatch(out.get(), kChannels, 0, n, received);
       if (bad >= 0) mismatchAt = int64_t(received) + bad;
     }
-    for (uint32_t i = 0; i < n; ++i) {
-      checksum += sampleAt(out.get(), i, 1);
-      expected += valueOf(received + i, 1);
-    }
     received += n;
   }
   producer.join();
   EXPECT_EQ(mismatchAt, -1);
   EXPECT_EQ(received, kTotal);
-  EXPECT_EQ(checksum, expected);
   EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), 0u);
 }
 

@@ -5,13 +5,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -26,6 +24,7 @@
 namespace {
 
 using sonto::test::eventually;
+using sonto::test::LogCapture;
 
 struct Cycles {
   std::atomic<int> count{0};
@@ -60,60 +59,24 @@ void rampProc(void* client, uint32_t frames, const AudioBufferList* input, Audio
   c->inside.fetch_sub(1);
 }
 
-struct LogCapture {
-  std::mutex mutex;
-  std::vector<std::string> lines;
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(mutex);
-      lines.push_back(line);
-    });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-  bool any(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (auto& line : lines)
-      if (line.find(text) != std::string::npos) return true;
-    return false;
-  }
-};
-
 // A private HOME for the whole run, set before main while this is the only thread:
 // alsa-lib reads it (for ~/.asoundrc) on the device layer's threads.
-std::string privateHome() {
-  // Never destroyed: the removal at exit still needs it.
-  static const std::string* home = [] {
-    const char* tmp = std::getenv("SONTO_TEST_TMP");
-    std::string base = tmp && *tmp ? tmp : "/tmp";
-    mkdir(base.c_str(), 0700);
-    auto* path = new std::string(base + "/alsa-home-" + std::to_string(getpid()));
-    mkdir(path->c_str(), 0700);
-    std::atexit([] {
-      std::error_code ignored;
-      std::filesystem::remove_all(privateHome(), ignored);
-    });
-    return path;
-  }();
-  return *home;
-}
-
-const bool kHomeSet = [] {
-  setenv("HOME", privateHome().c_str(), 1);
-  return true;
+const std::string kHome = [] {
+  std::string home = sonto::test::temporaryPath("alsa-home");
+  mkdir(home.c_str(), 0700);
+  setenv("HOME", home.c_str(), 1);
+  return home;
 }();
 
 class KyoHALAlsa : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    s_home = privateHome();
-    writeConfiguration(true);
-  }
+  static void SetUpTestSuite() { writeConfiguration(true); }
 
-  static std::string recordingPath() { return s_home + "/recorded.raw"; }
+  static std::string recordingPath() { return kHome + "/recorded.raw"; }
 
   static void writeConfiguration(bool withVanishing) {
     // Written aside and renamed, so that a scan on the listener thread never reads half a file.
-    std::string path = s_home + "/.asoundrc";
+    std::string path = kHome + "/.asoundrc";
     std::ofstream rc(path + ".new");
     rc << "pcm.sontorecord {\n  type file\n  slave.pcm \"null\"\n  file \"" << recordingPath()
        << "\"\n  format \"raw\"\n  hint { show on description \"Sonto test recorder\" }\n}\n";
@@ -125,14 +88,10 @@ class KyoHALAlsa : public ::testing::Test {
     // A fresh look reads the configuration again.
     KyoHAL::shared().rescan();
   }
-
-  static std::string s_home;
 };
 
-std::string KyoHALAlsa::s_home;
-
 TEST_F(KyoHALAlsa, NullPcmIsListedAndRendersWithoutAllocating) {
-  ASSERT_TRUE(kHomeSet);
+  ASSERT_FALSE(kHome.empty());
   KyoHAL& hal = KyoHAL::shared();
   KyoAudioObjectID id = hal.deviceWithUID("alsa:null");
   ASSERT_NE(id, 0u) << "alsa-lib's null PCM is not in the hint list";
@@ -229,7 +188,7 @@ TEST_F(KyoHALAlsa, BrokenAndVanishedPcmsFailWithALoggedStatus) {
     LogCapture capture;
     Cycles cycles;
     EXPECT_EQ(hal.startIO(vanishing, false, rampProc, &cycles), kKyoHALBadDeviceError);
-    EXPECT_TRUE(capture.any("Error: "));
+    EXPECT_TRUE(capture.contains("Error: "));
   }
   EXPECT_TRUE(eventually([&] { return saw(vanishing, kKyoPropertyDeviceIsAlive); }));
   EXPECT_TRUE(eventually([&] { return saw(kKyoAudioObjectSystemObject, kKyoPropertyDevices); }));

@@ -20,6 +20,7 @@
 namespace {
 
 using sonto::test::eventually;
+using sonto::test::LogCapture;
 
 using sonto::test::JackServer;
 
@@ -103,24 +104,6 @@ struct EventLog {
   bool saw(KyoAudioObjectID object, uint32_t selector) {
     std::lock_guard<std::mutex> lock(mutex);
     return std::find(events.begin(), events.end(), std::make_pair(object, selector)) != events.end();
-  }
-};
-
-struct LogCapture {
-  std::mutex mutex;
-  std::vector<std::string> lines;
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) {
-      std::lock_guard<std::mutex> lock(mutex);
-      lines.push_back(line);
-    });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-  bool any(const std::string& text) {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (auto& line : lines)
-      if (line.find(text) != std::string::npos) return true;
-    return false;
   }
 };
 
@@ -267,7 +250,7 @@ TEST(KyoHALJack, NoServerNoDeviceAndStartFails) {
   Cycles cycles;
   int32_t status = hal.startIO(id, false, countingProc, &cycles);
   EXPECT_NE(status, kKyoHALNoError);
-  EXPECT_TRUE(capture.any("Error: ")) << "the failure was not logged";
+  EXPECT_TRUE(capture.contains("Error: ")) << "the failure was not logged";
   EXPECT_EQ(cycles.count.load(), 0);
   EXPECT_EQ(hal.stopIO(id), status == kKyoHALNoError ? kKyoHALNoError : kKyoHALNotRunningError);
 }

@@ -46,6 +46,18 @@ struct Output {
   AudioBufferList* list;
 };
 
+// Master, every input and every output volume at 1; with diagonal, input i to output i at 1 too.
+bool unityGains(KyoMatrixMixer& mixer, uint32_t inputs, uint32_t outputs, bool diagonal) {
+  bool ok = mixer.setParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, 1.0f) == 0;
+  for (uint32_t i = 0; i < inputs; ++i) {
+    ok = ok && mixer.setParameter(0, kKyoAudioUnitScope_Input, i, 1.0f) == 0;
+    if (diagonal && i < outputs)
+      ok = ok && mixer.setParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::crosspointElement(i, i), 1.0f) == 0;
+  }
+  for (uint32_t o = 0; o < outputs; ++o) ok = ok && mixer.setParameter(0, kKyoAudioUnitScope_Output, o, 1.0f) == 0;
+  return ok;
+}
+
 // Busses of 2, 1 and 2 channels (input channels 0-1, 2, 3-4) into 3 outputs.
 class MatrixMixerTest : public ::testing::Test {
  protected:
@@ -68,11 +80,7 @@ class MatrixMixerTest : public ::testing::Test {
   void crosspoint(uint32_t in, uint32_t out, float v) {
     set(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::crosspointElement(in, out), v);
   }
-  void unity() {
-    set(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, 1.0f);
-    for (uint32_t i = 0; i < 5; ++i) set(0, kKyoAudioUnitScope_Input, i, 1.0f);
-    for (uint32_t o = 0; o < 3; ++o) set(0, kKyoAudioUnitScope_Output, o, 1.0f);
-  }
+  void unity() { ASSERT_TRUE(unityGains(mixer, 5, 3, false)); }
   int32_t render(Output& out, uint32_t flags = 0, double sampleTime = 0) {
     lastFlags = flags;
     KyoAudioTimeStamp ts;
@@ -138,8 +146,7 @@ TEST_F(MatrixMixerTest, MarksItsOwnSilentOutputsOnlyWhenTheCallerAcceptsMarks) {
   for (uint32_t c = 0; c < 3; ++c) std::fill_n(static_cast<float*>(out.list->mBuffers[c].mData), kFrames, 7.0f);
 
   ASSERT_EQ(render(out, kKyoRenderAction_MarkSilentChannels), 0);
-  EXPECT_TRUE(KyoIsChannelMarkedSilent(out.list->mBuffers[0]));
-  EXPECT_TRUE(KyoIsChannelMarkedSilent(out.list->mBuffers[1]));
+  for (uint32_t c = 0; c < 2; ++c) EXPECT_TRUE(KyoIsChannelMarkedSilent(out.list->mBuffers[c])) << c;
   EXPECT_EQ(out.list->mBuffers[2].mDataByteSize, kFrames * sizeof(float));
   EXPECT_FLOAT_EQ(out.at(2), 10.0f);
 
@@ -237,12 +244,7 @@ TEST(MatrixMixerOutputs, SeveralOutputBussesShareOnePullPerCycle) {
   ASSERT_EQ(mixer.setMaximumFramesPerSlice(kFrames), 0);
   ASSERT_EQ(mixer.setRenderCallback(0, feed.info()), 0);
   ASSERT_EQ(mixer.initialize(), 0);
-  mixer.setParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, 1.0f);
-  for (uint32_t i = 0; i < 3; ++i) {
-    mixer.setParameter(0, kKyoAudioUnitScope_Input, i, 1.0f);
-    mixer.setParameter(0, kKyoAudioUnitScope_Output, i, 1.0f);
-    mixer.setParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::crosspointElement(i, i), 1.0f);
-  }
+  ASSERT_TRUE(unityGains(mixer, 3, 3, true));
   Output main(2), aux(1);
   KyoAudioTimeStamp ts;
   uint32_t flags = 0;
@@ -280,12 +282,7 @@ TEST(MatrixMixerMeters, SinePowerAndPeakFollowTheBallistics) {
   uint32_t on = 1;
   ASSERT_EQ(mixer.setProperty(kKyoAudioUnitProperty_MeteringMode, kKyoAudioUnitScope_Global, 0, &on, sizeof on), 0);
   ASSERT_EQ(mixer.initialize(), 0);
-  for (uint32_t p : {0u}) {
-    mixer.setParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, 1.0f);
-    mixer.setParameter(0, kKyoAudioUnitScope_Input, p, 1.0f);
-    mixer.setParameter(0, kKyoAudioUnitScope_Output, p, 1.0f);
-    mixer.setParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::crosspointElement(p, p), 1.0f);
-  }
+  ASSERT_TRUE(unityGains(mixer, 1, 1, true));
   Output out(1);
   auto cycles = [&](double seconds) {
     for (int i = 0; i < int(seconds * kRate / kFrames); ++i) {

@@ -56,26 +56,4 @@ int32_t TestSignalSource::render(void* target, uint32_t*, const KyoAudioTimeStam
   return 0;
 }
 
-LogCatcher::LogCatcher() {
-  KyoSetLogSink([this](const std::string& line) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_lines.push_back(line);
-  });
-}
-
-LogCatcher::~LogCatcher() { KyoSetLogSink(nullptr); }
-
-std::vector<std::string> LogCatcher::lines() const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  return m_lines;
-}
-
-bool LogCatcher::contains(const std::string& text) const {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  for (const std::string& line : m_lines) {
-    if (line.find(text) != std::string::npos) return true;
-  }
-  return false;
-}
-
 }  // namespace sonto::test

@@ -1,13 +1,15 @@
 #pragma once
-// Shared by the effect tests: the test plugins' URIs, buffers, and a log catcher.
+// Shared by the effect tests: the test plugins' URIs, buffers, and effects made ready to render.
 
+#include <cmath>
 #include <cstdint>
-#include <mutex>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "audio/KyoAudioBufferList.h"
 #include "audio/KyoAudioRendering.h"
+#include "effects/KyoEffect.h"
+#include "support/Waiting.h"
 
 namespace sonto::test {
 
@@ -19,6 +21,9 @@ inline constexpr const char* kMDADelayURI = "http://drobilla.net/plugins/mda/Del
 inline constexpr const char* kMDADetuneURI = "http://drobilla.net/plugins/mda/Detune";
 inline constexpr uint32_t kGainParameter = 0;   // the fixture's gain port, in dB
 inline constexpr float kGainLatencyFrames = 64.0f;
+
+// The factor a gain of db decibels multiplies by.
+inline float dbFactor(float db) { return std::pow(10.0f, db / 20.0f); }
 
 // True when the mda plugins are installed (they come from the install script).
 bool haveMDAPlugins();
@@ -60,17 +65,15 @@ class TestSignalSource {
   uint32_t m_calls = 0;
 };
 
-// Collects log lines while it lives.
-class LogCatcher {
- public:
-  LogCatcher();
-  ~LogCatcher();
-  std::vector<std::string> lines() const;
-  bool contains(const std::string& text) const;
+// An effect, with no unit yet, of the plugin uri names.
+inline std::shared_ptr<KyoEffect> effectWithURI(const std::string& uri) {
+  return KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, uri));
+}
 
- private:
-  mutable std::mutex m_mutex;
-  std::vector<std::string> m_lines;
-};
+// Opens the effect and readies it to render at the given format, fed by source.
+inline bool attach(KyoEffect& effect, double rate, uint32_t channels, TestSignalSource& source) {
+  return effect.open() && effect.setStreamFormat(KyoAudioStreamDescription(rate, channels)) &&
+         effect.setRenderCallback(source.renderInfo()) && effect.initialize();
+}
 
 }  // namespace sonto::test

@@ -13,11 +13,9 @@ using namespace sonto::test;
 
 namespace {
 
-float dbFactor(float db) { return std::pow(10.0f, db / 20.0f); }
-
 // A detached gain effect whose setting waits as pending state, as it does for a saved chain.
 std::shared_ptr<KyoEffect> gainEffect(float db) {
-  auto live = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, kGainURI));
+  auto live = effectWithURI(kGainURI);
   if (!live || !live->open()) return nullptr;
   live->setValue(db, kGainParameter);
   return KyoEffect::effectWithProperties(live->properties());
@@ -112,14 +110,14 @@ TEST(KyoEffectBus, AudioEntersAtTheLastEffectAndPassesByOnesThatRefuseTheFormat)
   if (!haveMDAPlugins()) GTEST_SKIP() << "mda-lv2 is not installed";
   // A mono chain: the stereo overdrive cannot take part, but stays on the list.
   auto a = gainEffect(-6.0f);
-  auto b = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, kMDAOverdriveURI));
+  auto b = effectWithURI(kMDAOverdriveURI);
   auto c = gainEffect(-3.0f);
   ASSERT_TRUE(a && b && c);
   KyoEffectBus bus(1);
   bus.setEffects({a, b, c});
   EXPECT_EQ(bus.description(), "[ with 3 effects]");
 
-  LogCatcher log;
+  LogCapture log;
   ChainOwner owner(bus);
   ASSERT_TRUE(owner.rebuild(44100.0, 1));
   EXPECT_TRUE(log.contains("Error: MDA Overdrive does not support input format: "));
@@ -232,7 +230,7 @@ TEST(KyoEffectBus, TheCodedFormKeepsOrderAndSettingsButNotTheUsedList) {
   KyoEffectBus bus(2);
   bus.setName("Aux A");
   bus.setEffects({a, missing, b});
-  LogCatcher log;
+  LogCapture log;
   {
     ChainOwner owner(bus);
     ASSERT_TRUE(owner.rebuild(48000.0, 2));
@@ -262,9 +260,8 @@ TEST(KyoEffectBus, TheCodedFormKeepsOrderAndSettingsButNotTheUsedList) {
 
 TEST(KyoEffectBus, TailTimeAddsUpOverEnabledEffects) {
   if (!haveMDAPlugins()) GTEST_SKIP() << "mda-lv2 is not installed";
-  auto delay = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, kMDADelayURI));
-  auto reverb = KyoEffect::effectWithDescription(
-      KyoAudioComponentDescription(kAudioUnitType_Effect, "http://drobilla.net/plugins/mda/Ambience"));
+  auto delay = effectWithURI(kMDADelayURI);
+  auto reverb = effectWithURI("http://drobilla.net/plugins/mda/Ambience");
   ASSERT_TRUE(delay && reverb);
   KyoEffectBus bus(2);
   bus.setEffects({delay, reverb, gainEffect(0.0f)});

@@ -21,7 +21,7 @@ std::shared_ptr<KyoEffect> openMixer(uint32_t inputs, uint32_t outputs, bool ini
 }
 
 std::shared_ptr<KyoEffect> openGain(uint32_t channels) {
-  auto effect = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, kGainURI));
+  auto effect = effectWithURI(kGainURI);
   if (!effect || !effect->open()) return nullptr;
   EXPECT_TRUE(effect->setStreamFormat(KyoAudioStreamDescription(44100.0, channels)));
   EXPECT_TRUE(effect->initialize());
@@ -86,7 +86,7 @@ TEST(KyoEffectProperties, UnknownPropertiesAreQuietAndOtherFailuresAreLoggedWith
   auto gain = openGain(1);
   ASSERT_NE(gain, nullptr);
   {
-    LogCatcher log;
+    LogCapture log;
     KyoError error;
     EXPECT_FALSE(gain->isPropertyWritable(999999, kKyoAudioUnitScope_Global, 0, &error));
     EXPECT_TRUE(log.lines().empty());
@@ -99,7 +99,7 @@ TEST(KyoEffectProperties, UnknownPropertiesAreQuietAndOtherFailuresAreLoggedWith
   }
   {
     // A stream format of a bus that is not there: not "invalid property", so it is told.
-    LogCatcher log;
+    LogCapture log;
     KyoError error;
     EXPECT_FALSE(gain->isPropertyWritable(kKyoAudioUnitProperty_StreamFormat, kKyoAudioUnitScope_Input, 7, &error));
     EXPECT_EQ(error.code, kKyoAudioUnitErr_InvalidElement);
@@ -133,7 +133,7 @@ TEST(KyoEffectProperties, SettingEachKindOfObjectReachesTheUnitExactly) {
   EXPECT_EQ(*back, bytes);
 
   // A stream format on an uninitialized plugin.
-  auto gain = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, kGainURI));
+  auto gain = effectWithURI(kGainURI);
   ASSERT_TRUE(gain && gain->open());
   const KyoAudioStreamDescription format(96000.0, 1);
   EXPECT_TRUE(gain->setObject(format, kKyoAudioUnitProperty_StreamFormat, kKyoAudioUnitScope_Input, 0, &error));
@@ -147,7 +147,7 @@ TEST(KyoEffectProperties, SettingEachKindOfObjectReachesTheUnitExactly) {
 
 TEST(KyoEffectProperties, NothingToSetOrNoUnitSucceedsAndFailuresReachTheAlertOrTheError) {
   AlertCatcher alerts;
-  auto unopened = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, kGainURI));
+  auto unopened = effectWithURI(kGainURI);
   ASSERT_NE(unopened, nullptr);
   EXPECT_TRUE(unopened->setUnsignedInt(1, kKyoAudioUnitProperty_MaximumFramesPerSlice));
   EXPECT_FALSE(unopened->dataForProperty(kKyoAudioUnitProperty_Latency));
@@ -160,7 +160,7 @@ TEST(KyoEffectProperties, NothingToSetOrNoUnitSucceedsAndFailuresReachTheAlertOr
 
   // Wrong sizes, read-only properties, a changed format on a running unit: refused, never stored.
   const std::vector<uint8_t> shortLevels(5, 0);
-  LogCatcher log;
+  LogCapture log;
   KyoError error;
   EXPECT_FALSE(mixer->setObject(shortLevels, kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, &error));
   EXPECT_EQ(error.code, kKyoAudioUnitErr_InvalidPropertyValue);

@@ -20,18 +20,20 @@ using namespace sonto::test;
 
 namespace {
 
-float dbFactor(float db) { return std::pow(10.0f, db / 20.0f); }
-
 KyoAudioComponentDescription gainDescription() { return KyoAudioComponentDescription(kAudioUnitType_Effect, kGainURI); }
 
 // An effect with a unit of its own at the given format, fed by source.
 std::shared_ptr<KyoEffect> liveEffect(const KyoAudioComponentDescription& description, double rate, uint32_t channels,
                                       TestSignalSource& source) {
   auto effect = KyoEffect::effectWithDescription(description);
-  if (!effect || !effect->open()) return nullptr;
-  EXPECT_TRUE(effect->setStreamFormat(KyoAudioStreamDescription(rate, channels)));
-  EXPECT_TRUE(effect->setRenderCallback(source.renderInfo()));
-  EXPECT_TRUE(effect->initialize());
+  if (!effect || !attach(*effect, rate, channels, source)) return nullptr;
+  return effect;
+}
+
+// A new effect from a saved form, opened, with its settings applied.
+std::shared_ptr<KyoEffect> reopened(const KyoEffectProperties& properties) {
+  auto effect = KyoEffect::effectWithProperties(properties);
+  if (!effect || !effect->open() || !effect->setParameters()) return nullptr;
   return effect;
 }
 
@@ -59,7 +61,6 @@ TEST(KyoEffect, FixtureFromItsDescriptionRendersExactlyMinusSixDecibels) {
   EXPECT_EQ(effect->displayName(), "Test Gain");
   EXPECT_EQ(effect->titleOfParameter(kGainParameter), "Gain");
   effect->setValue(-6.0f, kGainParameter);
-  EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
   expectGain(*effect, 2, 256, -6.0f);
   EXPECT_DOUBLE_EQ(effect->latency(), kGainLatencyFrames / 48000.0);
 }
@@ -144,10 +145,7 @@ TEST(KyoEffect, SettingsSurviveSavingAndRestoringIntoANewEffect) {
   auto restored = KyoEffect::effectWithProperties(properties);
   ASSERT_NE(restored, nullptr);
   EXPECT_EQ(restored->displayName(), "Lobby trim");
-  ASSERT_TRUE(restored->open());
-  ASSERT_TRUE(restored->setStreamFormat(KyoAudioStreamDescription(48000.0, 1)));
-  ASSERT_TRUE(restored->setRenderCallback(source2.renderInfo()));
-  ASSERT_TRUE(restored->initialize());
+  ASSERT_TRUE(attach(*restored, 48000.0, 1, source2));
   EXPECT_FLOAT_EQ(restored->valueForParameter(kGainParameter), 0.0f);  // not applied before setParameters
   ASSERT_TRUE(restored->setParameters());
   EXPECT_FALSE(restored->state());
@@ -175,10 +173,7 @@ TEST(KyoEffect, ACopyKeepsTheSettingsAndLeavesTheOriginalAlone) {
   EXPECT_EQ(twin->state()->settings, effect->state()->settings);
 
   TestSignalSource twinSource;
-  ASSERT_TRUE(twin->open());
-  ASSERT_TRUE(twin->setStreamFormat(KyoAudioStreamDescription(44100.0, 2)));
-  ASSERT_TRUE(twin->setRenderCallback(twinSource.renderInfo()));
-  ASSERT_TRUE(twin->initialize());
+  ASSERT_TRUE(attach(*twin, 44100.0, 2, twinSource));
   ASSERT_TRUE(twin->setParameters());
   expectGain(*twin, 2, 128, -6.0f);
 
@@ -208,7 +203,7 @@ TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
   properties.settings = "whatever the plugin kept";
 
   {
-    LogCatcher log;
+    LogCapture log;
     KyoError error;
     EXPECT_EQ(KyoEffect::effectWithProperties(properties, &error), nullptr);
     EXPECT_EQ(error.domain, kKyoEffectErrorDomain);
@@ -218,7 +213,7 @@ TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
   }
   {
     // Decoding keeps the effect standing, so that saving again loses nothing.
-    LogCatcher log;
+    LogCapture log;
     auto effect = KyoEffect::effectWithCoder(properties);
     ASSERT_NE(effect, nullptr);
     EXPECT_EQ(effect->manufacturer(), "Gone Audio");
@@ -237,7 +232,7 @@ TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
   }
 
   // Broken saved forms: an unknown class, an empty component.
-  LogCatcher log;
+  LogCapture log;
   KyoEffectProperties otherClass = properties;
   otherClass.className = "NoSuchEffectClass";
   EXPECT_EQ(KyoEffect::effectWithProperties(otherClass), nullptr);
@@ -305,12 +300,11 @@ TEST(KyoEffect, FactoryPresetsAreListedAndLoaded) {
   EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
 
   // The preset's name comes back with the settings.
-  auto restored = KyoEffect::effectWithProperties(effect->properties());
-  ASSERT_TRUE(restored && restored->open());
-  ASSERT_TRUE(restored->setParameters());
+  auto restored = reopened(effect->properties());
+  ASSERT_NE(restored, nullptr);
   EXPECT_EQ(restored->currentPresetName(), "Minus Six");
 
-  LogCatcher log;
+  LogCapture log;
   EXPECT_FALSE(effect->setUserPreset("/nonexistent/folder/Nothing.ttl"));
   EXPECT_TRUE(log.contains("The preset could not be loaded"));
 }
@@ -339,9 +333,8 @@ TEST(KyoEffect, MDAPluginFromTheCatalogueRunsAndKeepsItsState) {
   uint32_t flags = 0;
   ASSERT_EQ(effect->render(&flags, nullptr, 0, 512, out.list()), 0);
 
-  auto restored = KyoEffect::effectWithProperties(effect->properties());
-  ASSERT_TRUE(restored && restored->open());
-  ASSERT_TRUE(restored->setParameters());
+  auto restored = reopened(effect->properties());
+  ASSERT_NE(restored, nullptr);
   for (size_t i = 0; i < menu.size(); ++i) {
     EXPECT_FLOAT_EQ(restored->valueForParameter(menu[i].second), values[i]) << menu[i].first;
   }
@@ -350,10 +343,7 @@ TEST(KyoEffect, MDAPluginFromTheCatalogueRunsAndKeepsItsState) {
   auto a = KyoEffect::effectWithProperties(effect->properties());
   auto b = KyoEffect::effectWithProperties(effect->properties());
   for (auto* e : {&a, &b}) {
-    ASSERT_TRUE(*e && (*e)->open());
-    ASSERT_TRUE((*e)->setStreamFormat(KyoAudioStreamDescription(48000.0, 2)));
-    ASSERT_TRUE((*e)->setRenderCallback((e == &a ? source1 : source2).renderInfo()));
-    ASSERT_TRUE((*e)->initialize());
+    ASSERT_TRUE(*e && attach(**e, 48000.0, 2, e == &a ? source1 : source2));
     ASSERT_TRUE((*e)->setParameters());
   }
   TestBufferList outA(2, 512), outB(2, 512);
@@ -376,7 +366,7 @@ TEST(KyoEffect, TailTimeFollowsThePluginClass) {
       {kGainURI, false},
   };
   for (const Case& c : cases) {
-    auto effect = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, c.uri));
+    auto effect = effectWithURI(c.uri);
     ASSERT_TRUE(effect && effect->open()) << c.uri;
     EXPECT_EQ(effect->tailTime() > 0.5, c.rings) << c.uri;
     effect->setEnabled(false);
@@ -386,7 +376,7 @@ TEST(KyoEffect, TailTimeFollowsThePluginClass) {
 
 TEST(KyoEffect, TheMenuGroupsEffectsByMakerAndScansOnce) {
   {
-    LogCatcher log;
+    LogCapture log;
     EXPECT_FALSE(KyoEffect::menuOfAllEffectsByManufacturer(nullptr));
     EXPECT_TRUE(log.contains(
         "Error: menuOfAllEffectsByManufacturerAddedTo received invalid mutable array for storing effects."));
@@ -425,8 +415,8 @@ TEST(KyoEffect, TheMenuGroupsEffectsByMakerAndScansOnce) {
 }
 
 TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
-  auto mixerAt = [](uint32_t inputs, uint32_t outputs) {
-    auto mixer = KyoEffect::effectWithDescription(KyoAudioComponentDescription::appleMatrixMixer());
+  // Opens and initializes the mixer with inputs in and outputs out.
+  auto ready = [](std::shared_ptr<KyoEffect> mixer, uint32_t inputs, uint32_t outputs) {
     EXPECT_NE(mixer, nullptr);
     if (!mixer || !mixer->open()) return std::shared_ptr<KyoEffect>();
     EXPECT_TRUE(mixer->setInputStreamFormat(KyoAudioStreamDescription(48000.0, inputs)));
@@ -443,12 +433,11 @@ TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
     return levels;
   };
 
-  auto mixer = mixerAt(2, 3);
+  auto mixer = ready(KyoEffect::effectWithDescription(KyoAudioComponentDescription::appleMatrixMixer()), 2, 3);
   ASSERT_NE(mixer, nullptr);
   EXPECT_EQ(mixer->componentDescription().type(), kAudioUnitType_Mixer);
   EXPECT_FALSE(mixer->manufacturer().empty());
   EXPECT_FALSE(mixer->name().empty());
-  EXPECT_TRUE(mixer->enabled());
   const size_t count = (2 + 1) * (3 + 1);
   std::vector<float> levels(count);
   for (size_t i = 0; i < count; ++i) levels[i] = 1.0f / (float)(i + 3);  // values that print with many digits
@@ -458,12 +447,8 @@ TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
 
   KyoEffectProperties properties = mixer->properties();
   ASSERT_TRUE(properties.settings);
-  auto restored = KyoEffect::effectWithProperties(properties);
+  auto restored = ready(KyoEffect::effectWithProperties(properties), 2, 3);
   ASSERT_NE(restored, nullptr);
-  ASSERT_TRUE(restored->open());
-  ASSERT_TRUE(restored->setInputStreamFormat(KyoAudioStreamDescription(48000.0, 2)));
-  ASSERT_TRUE(restored->setOutputStreamFormat(KyoAudioStreamDescription(48000.0, 3)));
-  ASSERT_TRUE(restored->initialize());
   ASSERT_TRUE(restored->setParameters());
   EXPECT_EQ(levelsOf(*restored, count), levels);  // bit for bit
 
@@ -473,7 +458,7 @@ TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
   ASSERT_TRUE(other->open());
   ASSERT_TRUE(other->setStreamFormat(KyoAudioStreamDescription(48000.0, 1)));
   ASSERT_TRUE(other->initialize());
-  LogCatcher log;
+  LogCapture log;
   EXPECT_FALSE(other->setParameters());
   EXPECT_TRUE(other->state());
 }
@@ -534,10 +519,8 @@ TEST(KyoEffect, EveryCataloguedPluginRunsWithoutAllocatingAndKeepsItsSettings) {
       for (uint32_t f = 0; f < 256; ++f) ASSERT_TRUE(std::isfinite(out.channel(c)[f])) << c << ":" << f;
     }
 
-    auto restored = KyoEffect::effectWithProperties(effect->properties());
+    auto restored = reopened(effect->properties());
     ASSERT_NE(restored, nullptr);
-    ASSERT_TRUE(restored->open());
-    ASSERT_TRUE(restored->setParameters());
     for (const auto& [title, id] : effect->parameterMenu()) {
       EXPECT_FLOAT_EQ(restored->valueForParameter(id), effect->valueForParameter(id)) << title;
     }

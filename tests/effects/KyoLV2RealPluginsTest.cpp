@@ -21,15 +21,6 @@ constexpr const char* kFilterURI = "http://gareus.org/oss/lv2/fil4#stereo";
 constexpr const char* kConvolverURI = "http://gareus.org/oss/lv2/convoLV2#Stereo";
 constexpr uint32_t kFrames = 256;
 
-std::shared_ptr<KyoEffect> liveEffect(const std::string& uri, TestSignalSource& source) {
-  auto effect = KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, uri));
-  if (!effect || !effect->open()) return nullptr;
-  EXPECT_TRUE(effect->setStreamFormat(KyoAudioStreamDescription(48000.0, 2)));
-  EXPECT_TRUE(effect->setRenderCallback(source.renderInfo()));
-  EXPECT_TRUE(effect->initialize());
-  return effect;
-}
-
 // Renders cycles on a thread of its own with the allocation counter watching; the
 // output of every cycle, channel after channel.
 std::vector<float> renderCycles(KyoEffect& effect, int cycles, uint64_t* allocations) {
@@ -53,8 +44,8 @@ void expectRunsAndRoundTrips(const std::string& uri, bool needsWorker) {
   const auto* entry = KyoLV2World::shared().catalogueEntry(uri);
   ASSERT_NE(entry, nullptr) << uri << " is installed but not catalogued";
   TestSignalSource source;
-  auto effect = liveEffect(uri, source);
-  ASSERT_NE(effect, nullptr);
+  auto effect = effectWithURI(uri);
+  ASSERT_TRUE(effect && attach(*effect, 48000.0, 2, source));
   auto* unit = dynamic_cast<KyoLV2Unit*>(effect->audioUnit());
   ASSERT_NE(unit, nullptr);
   EXPECT_EQ(unit->worker(0) != nullptr, needsWorker);
@@ -77,10 +68,7 @@ void expectRunsAndRoundTrips(const std::string& uri, bool needsWorker) {
   auto restored = KyoEffect::effectWithProperties(effect->properties());
   ASSERT_NE(restored, nullptr);
   TestSignalSource fresh;
-  ASSERT_TRUE(restored->open());
-  ASSERT_TRUE(restored->setStreamFormat(KyoAudioStreamDescription(48000.0, 2)));
-  ASSERT_TRUE(restored->setRenderCallback(fresh.renderInfo()));
-  ASSERT_TRUE(restored->initialize());
+  ASSERT_TRUE(attach(*restored, 48000.0, 2, fresh));
   ASSERT_TRUE(restored->setParameters());
   const std::vector<float> a = renderCycles(*restored, 8, &allocations);
   ASSERT_EQ(a.size(), first.size());

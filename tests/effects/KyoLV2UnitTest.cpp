@@ -25,8 +25,6 @@ std::unique_ptr<KyoLV2Unit> gainUnit(double rate, uint32_t channels, uint32_t ma
   return unit;
 }
 
-float dbFactor(float db) { return std::pow(10.0f, db / 20.0f); }
-
 }  // namespace
 
 TEST(KyoLV2World, CatalogueListsHostablePluginsAndSkipsOnesWithoutALibrary) {
@@ -63,7 +61,7 @@ TEST(KyoLV2Unit, PluginsThatCannotBeHostedAreRefusedWithALogLine) {
       {kMissingBinaryURI, kKyoAudioUnitErr_FailedInitialization, "could not be instantiated"},
   };
   for (const Case& c : cases) {
-    LogCatcher log;
+    LogCapture log;
     int32_t status = 0;
     EXPECT_EQ(KyoLV2Unit::create(c.uri, &status), nullptr) << c.uri;
     EXPECT_EQ(status, c.status) << c.uri;
@@ -77,12 +75,8 @@ TEST(KyoLV2Unit, GainIsExactAcrossBlockSplitsAndLatencyReadsBack) {
   // neither skip nor repeat a frame at the seams.
   const uint32_t frameCounts[] = {1, 63, 64, 65, 1000};
   for (uint32_t frames : frameCounts) {
-    auto unit = KyoLV2Unit::create(kGainURI);
+    auto unit = gainUnit(48000.0, 1, 64);
     ASSERT_NE(unit, nullptr);
-    unit->setStreamFormat(kKyoAudioUnitScope_Input, 0, KyoAudioStreamDescription(48000.0, 1));
-    unit->setStreamFormat(kKyoAudioUnitScope_Output, 0, KyoAudioStreamDescription(48000.0, 1));
-    unit->setMaximumFramesPerSlice(64);
-    ASSERT_EQ(unit->initialize(), 0);
     EXPECT_DOUBLE_EQ(unit->latency(), kGainLatencyFrames / 48000.0);
     ASSERT_TRUE(unit->setParameterValue(kGainParameter, -6.0f));
 
@@ -177,7 +171,7 @@ TEST(KyoLV2Unit, StateAndPresetsRoundTrip) {
   EXPECT_EQ(label, "My Setting");
 
   // Broken text and another plugin's state leave the unit as it was.
-  LogCatcher log;
+  LogCapture log;
   EXPECT_FALSE(other->restoreState("this is not turtle {{{"));
   EXPECT_FALSE(other->restoreState(""));
   EXPECT_FLOAT_EQ(other->parameterValue(kGainParameter), -7.5f);

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "foundation/KyoLog.h"
 #include "show/ShowTestSupport.h"
 
 namespace {
@@ -16,12 +15,6 @@ std::unique_ptr<Cart> cartOfSize(float width, float height) {
   auto cart = std::make_unique<Cart>();
   cart->setSize({width, height});
   return cart;
-}
-
-size_t countOf(const std::vector<std::string>& lines, const std::string& text) {
-  size_t n = 0;
-  for (const auto& line : lines) n += line.find(text) != std::string::npos;
-  return n;
 }
 
 }  // namespace
@@ -131,12 +124,12 @@ TEST(Cart, PutTakeAndRemove) {
   EXPECT_EQ(cart->count(), 1u) << "a slot holds one cue";
   EXPECT_EQ(cart->cueAtIndex(3), b.get());
   cart->setCue(nullptr, 1);
-  std::vector<std::string> lines;
-  KyoSetLogSink([&](const std::string& line) { lines.push_back(line); });
-  cart->setCue(a, 10000);
-  KyoSetLogSink(nullptr);
+  {
+    sonto::test::LogCapture log;
+    cart->setCue(a, 10000);
+    EXPECT_EQ(log.lines().size(), 1u);
+  }
   EXPECT_EQ(cart->count(), 1u);
-  EXPECT_EQ(lines.size(), 1u);
 
   // Below full width the removal's look-up misses (see the next test): the key goes,
   // the cue is neither stopped nor detached.
@@ -305,8 +298,7 @@ TEST(Cart, ArchiveRoundTripAndOldOrBrokenFiles) {
   zero.insert("size", QJsonArray{0, 0});
   EXPECT_EQ(Cart::fromArchive(zero, readCue)->size(), (CartSize{5, 4}));
 
-  std::vector<std::string> lines;
-  KyoSetLogSink([&](const std::string& line) { lines.push_back(line); });
+  sonto::test::LogCapture log;
   QJsonObject broken;
   QJsonObject cues;
   cues.insert("x", cue->archive());
@@ -317,11 +309,10 @@ TEST(Cart, ArchiveRoundTripAndOldOrBrokenFiles) {
   broken.insert("cues", cues);
   broken.insert("size", QJsonArray{7, -2});
   auto repaired = Cart::fromArchive(broken, readCue);
-  KyoSetLogSink(nullptr);
   EXPECT_EQ(repaired->count(), 1u);
   EXPECT_NE(repaired->cueAtInternalIndex(3), nullptr);
   EXPECT_EQ(repaired->size(), (CartSize{5, 4}));
-  EXPECT_EQ(countOf(lines, "Skipping a cue"), 4u);
-  EXPECT_EQ(countOf(lines, "not a grid"), 1u);
+  EXPECT_EQ(countLines(log, "Skipping a cue"), 4u);
+  EXPECT_EQ(countLines(log, "not a grid"), 1u);
   EXPECT_TRUE(Cart::fromArchive(QJsonObject(), readCue)->isEmpty());
 }

@@ -1,6 +1,11 @@
 #include "show/ShowTestSupport.h"
 
+#include <sys/stat.h>
+
+#include <fstream>
+
 #include "foundation/KyoAlias.h"
+#include "support/TestFiles.h"
 
 void FakeCueSource::setAlias(std::shared_ptr<KyoAlias> alias) {
   ++m_state->aliasCount;
@@ -16,6 +21,23 @@ FakeSourceFactory::FakeSourceFactory() {
 
 FakeSourceFactory::~FakeSourceFactory() { AudioCue::setSourceFactory(nullptr); }
 
+std::string makeFolder(const std::string& name) {
+  const std::string path = sonto::test::temporaryPath(name);
+  mkdir(path.c_str(), 0755);
+  return path;
+}
+
+void writeBytes(const std::string& path, const std::string& bytes) {
+  std::ofstream(path, std::ios::binary) << bytes;
+}
+
+std::string readBytes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+QUrl urlOf(const std::string& path) { return QUrl::fromLocalFile(QString::fromStdString(path)); }
+
 std::shared_ptr<CountingCue> countingCue(const std::string& name, const std::string& hotkey, int midiNote) {
   auto cue = std::make_shared<CountingCue>();
   cue->setName(name);
@@ -26,14 +48,11 @@ std::shared_ptr<CountingCue> countingCue(const std::string& name, const std::str
 
 #include <sndfile.h>
 
-#include <mutex>
-
 #include "audio/KyoAudioDevice.h"
 #include "audio/KyoAudioMetaBuffer.h"
 #include "audio/KyoHAL.h"
 #include "effects/KyoAudioSource.h"
 #include "foundation/KyoClock.h"
-#include "foundation/KyoLog.h"
 #include "show/AudioCueSourceKyo.h"
 #include "support/TestFiles.h"
 
@@ -95,41 +114,6 @@ void render(OfflineDevice& device, KyoVirtualClock& clock, uint32_t cycles) {
     device.pull(1);
     clock.advance(device.cycleSeconds());
   }
-}
-
-namespace {
-std::mutex& logMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-std::vector<std::string>& caught() {
-  static std::vector<std::string> lines;
-  return lines;
-}
-}  // namespace
-
-LogLines::LogLines() {
-  {
-    std::lock_guard<std::mutex> lock(logMutex());
-    caught().clear();
-  }
-  KyoSetLogSink([](const std::string& line) {
-    std::lock_guard<std::mutex> lock(logMutex());
-    caught().push_back(line);
-  });
-}
-
-LogLines::~LogLines() { KyoSetLogSink(nullptr); }
-
-std::vector<std::string> LogLines::lines() const {
-  std::lock_guard<std::mutex> lock(logMutex());
-  return caught();
-}
-
-size_t LogLines::count(const std::string& text) const {
-  size_t n = 0;
-  for (const std::string& line : lines()) n += line.find(text) != std::string::npos;
-  return n;
 }
 
 }  // namespace showtest

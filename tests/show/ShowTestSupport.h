@@ -2,6 +2,8 @@
 // Stand-ins for what the show model meets outside: an audio source that answers
 // what it was told, a cue that counts its transport calls, a workspace with a log.
 
+#include <QUrl>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +11,7 @@
 #include "show/AudioCue.h"
 #include "show/Cart.h"
 #include "show/SontoLogger.h"
+#include "support/Waiting.h"
 
 struct FakeSourceState {
   bool valid = true;
@@ -70,6 +73,19 @@ class CountingCue : public AudioCue {
 std::shared_ptr<CountingCue> countingCue(const std::string& name, const std::string& hotkey = {},
                                          int midiNote = -1);
 
+// Files on disk: a fresh folder under the test's temporary folder, whole files as bytes.
+std::string makeFolder(const std::string& name);
+void writeBytes(const std::string& path, const std::string& bytes);
+std::string readBytes(const std::string& path);
+QUrl urlOf(const std::string& path);
+
+// How many caught log lines contain the text.
+inline size_t countLines(sonto::test::LogCapture& log, const std::string& text) {
+  size_t n = 0;
+  for (const std::string& line : log.lines()) n += line.find(text) != std::string::npos;
+  return n;
+}
+
 struct FakeWorkspace : CartWorkspace {
   SontoLogger log;
   SontoLogger* logger() override { return &log; }
@@ -119,14 +135,5 @@ bool waitUntilReady(const AudioCue& cue);
 // Cycle by cycle: one cycle rendered, then virtual time moved on by its length, so
 // that timers and workers see the time that the output has reached.
 void render(OfflineDevice& device, KyoVirtualClock& clock, uint32_t cycles);
-
-// Catches log lines while it lives.
-class LogLines {
- public:
-  LogLines();
-  ~LogLines();
-  std::vector<std::string> lines() const;
-  size_t count(const std::string& text) const;
-};
 
 }  // namespace showtest

@@ -22,11 +22,15 @@ struct Model {
 
 void endTurn() { QCoreApplication::processEvents(); }
 
-}  // namespace
-
-TEST(SontoUndoManager, RegistrationsOfOneTurnFormOneGroup) {
+class SontoUndoManagerTest : public ::testing::Test {
+ protected:
   SontoUndoManager undo;
   Model m{&undo};
+};
+
+}  // namespace
+
+TEST_F(SontoUndoManagerTest, RegistrationsOfOneTurnFormOneGroup) {
   m.setValue(1);
   m.setValue(2);
   m.setValue(3);
@@ -46,9 +50,7 @@ TEST(SontoUndoManager, RegistrationsOfOneTurnFormOneGroup) {
   EXPECT_FALSE(undo.canRedo());
 }
 
-TEST(SontoUndoManager, UndoWithinTheSameTurnClosesTheOpenGroup) {
-  SontoUndoManager undo;
-  Model m{&undo};
+TEST_F(SontoUndoManagerTest, UndoWithinTheSameTurnClosesTheOpenGroup) {
   m.setValue(5);
   EXPECT_TRUE(undo.canUndo());
   undo.undo();
@@ -59,9 +61,7 @@ TEST(SontoUndoManager, UndoWithinTheSameTurnClosesTheOpenGroup) {
   EXPECT_EQ(m.value, 5);
 }
 
-TEST(SontoUndoManager, RedoAfterUndoAfterRedoKeepsValuesAndNames) {
-  SontoUndoManager undo;
-  Model m{&undo};
+TEST_F(SontoUndoManagerTest, RedoAfterUndoAfterRedoKeepsValuesAndNames) {
   m.setValue(1, "Change Volume");
   endTurn();
   m.setValue(2, "Rename Cue");
@@ -87,9 +87,7 @@ TEST(SontoUndoManager, RedoAfterUndoAfterRedoKeepsValuesAndNames) {
   }
 }
 
-TEST(SontoUndoManager, NewEditAfterUndoDropsTheRedoSide) {
-  SontoUndoManager undo;
-  Model m{&undo};
+TEST_F(SontoUndoManagerTest, NewEditAfterUndoDropsTheRedoSide) {
   m.setValue(1);
   endTurn();
   m.setValue(2);
@@ -105,9 +103,7 @@ TEST(SontoUndoManager, NewEditAfterUndoDropsTheRedoSide) {
   EXPECT_EQ(m.value, 7);
 }
 
-TEST(SontoUndoManager, GroupsByHandNestAndSpanTurns) {
-  SontoUndoManager undo;
-  Model m{&undo};
+TEST_F(SontoUndoManagerTest, GroupsByHandNestAndSpanTurns) {
   undo.beginUndoGrouping();
   m.setValue(1);
   endTurn();
@@ -129,8 +125,7 @@ TEST(SontoUndoManager, GroupsByHandNestAndSpanTurns) {
   EXPECT_EQ(undo.groupingLevel(), 0);
 }
 
-TEST(SontoUndoManager, EmptyGroupsLeaveNothingBehind) {
-  SontoUndoManager undo;
+TEST_F(SontoUndoManagerTest, EmptyGroupsLeaveNothingBehind) {
   undo.beginUndoGrouping();
   undo.endUndoGrouping();
   EXPECT_FALSE(undo.canUndo());
@@ -139,9 +134,7 @@ TEST(SontoUndoManager, EmptyGroupsLeaveNothingBehind) {
   undo.redo();
 }
 
-TEST(SontoUndoManager, DisabledRegistrationIsCountedAndIgnored) {
-  SontoUndoManager undo;
-  Model m{&undo};
+TEST_F(SontoUndoManagerTest, DisabledRegistrationIsCountedAndIgnored) {
   undo.disableUndoRegistration();
   undo.disableUndoRegistration();
   m.setValue(1);
@@ -159,8 +152,7 @@ TEST(SontoUndoManager, DisabledRegistrationIsCountedAndIgnored) {
   EXPECT_EQ(m.value, 2);
 }
 
-TEST(SontoUndoManager, RemovingATargetStripsBothSides) {
-  SontoUndoManager undo;
+TEST_F(SontoUndoManagerTest, RemovingATargetStripsBothSides) {
   Model a{&undo};
   Model b{&undo};
   a.setValue(1);
@@ -184,9 +176,7 @@ TEST(SontoUndoManager, RemovingATargetStripsBothSides) {
   EXPECT_FALSE(undo.canRedo());
 }
 
-TEST(SontoUndoManager, CheckpointFollowsEachChange) {
-  SontoUndoManager undo;
-  Model m{&undo};
+TEST_F(SontoUndoManagerTest, CheckpointFollowsEachChange) {
   QSignalSpy checkpoints(&undo, &SontoUndoManager::checkpoint);
   QSignalSpy closed(&undo, &SontoUndoManager::didCloseUndoGroup);
   QSignalSpy undone(&undo, &SontoUndoManager::didUndoChange);
@@ -205,10 +195,8 @@ TEST(SontoUndoManager, CheckpointFollowsEachChange) {
   EXPECT_EQ(redone.count(), 1);
 }
 
-TEST(SontoUndoManager, WithoutEventGroupingRegistrationsNeedAGroup) {
-  SontoUndoManager undo;
+TEST_F(SontoUndoManagerTest, WithoutEventGroupingRegistrationsNeedAGroup) {
   undo.setGroupsByEvent(false);
-  Model m{&undo};
   m.setValue(1);
   EXPECT_FALSE(undo.canUndo());
   undo.beginUndoGrouping();

@@ -22,23 +22,6 @@
 
 namespace {
 
-std::string makeFolder(const std::string& name) {
-  const std::string path = sonto::test::temporaryPath(name);
-  mkdir(path.c_str(), 0755);
-  return path;
-}
-
-void writeBytes(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary) << bytes;
-}
-
-std::string readBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-QUrl urlOf(const std::string& path) { return QUrl::fromLocalFile(QString::fromStdString(path)); }
-
 std::shared_ptr<AudioCue> mediaCue(const std::string& path, const std::string& name) {
   auto cue = AudioCue::createWithFile(path, nullptr);
   cue->setName(name);

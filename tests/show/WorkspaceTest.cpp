@@ -25,11 +25,6 @@ std::string writeText(const fs::path& path, const std::string& text) {
   return path.string();
 }
 
-std::string readText(const std::string& path) {
-  std::ifstream in(path);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class WorkspaceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -89,11 +84,11 @@ TEST_F(WorkspaceTest, CacheFolderFollowsTheEnvironment) {
 TEST_F(WorkspaceTest, UnwritableCacheStillOpensAndImportsFailOneByOne) {
   writeText(root / "blocked", "a file where the cache folder would go");
   setenv("XDG_CACHE_HOME", (root / "blocked").c_str(), 1);
-  LogLines log;
+  sonto::test::LogCapture log;
   Workspace blocked(out.device);
-  EXPECT_EQ(log.count("Failed to create temporary directory at"), 1u);
+  EXPECT_EQ(countLines(log, "Failed to create temporary directory at"), 1u);
   EXPECT_TRUE(blocked.copyFileIntoTmp(writeText(root / "a" / "take.wav", "x")).empty());
-  EXPECT_EQ(log.count("Failed to copy"), 1u);
+  EXPECT_EQ(countLines(log, "Failed to copy"), 1u);
   blocked.close();
 }
 
@@ -111,7 +106,7 @@ TEST_F(WorkspaceTest, ImportsOfCollidingNamesCountUp) {
                         Case{plain, "noext-1", "no extension"}}) {
     const std::string copied = workspace->copyFileIntoTmp(k.source);
     EXPECT_EQ(copied, (tmp / k.name).string());
-    EXPECT_EQ(readText(copied), k.content) << k.name;
+    EXPECT_EQ(readBytes(copied), k.content) << k.name;
   }
   EXPECT_TRUE(workspace->containsMediaFile((tmp / "take-1.wav").string()));
 }
@@ -125,19 +120,19 @@ TEST_F(WorkspaceTest, ImportsFollowLinkChainsAndRefuseLoops) {
   ASSERT_FALSE(copied.empty());
   EXPECT_EQ(fs::path(copied).filename(), "step1.wav");
   EXPECT_FALSE(fs::is_symlink(copied)) << "the file itself is copied, not the link";
-  EXPECT_EQ(readText(copied), "the sound");
+  EXPECT_EQ(readBytes(copied), "the sound");
 
   fs::create_symlink(root / "links" / "loopB", root / "links" / "loopA");
   fs::create_symlink(root / "links" / "loopA", root / "links" / "loopB");
   fs::create_symlink(root / "links" / "self", root / "links" / "self");
   fs::create_symlink(root / "nowhere", root / "links" / "dangling");
-  LogLines log;
+  sonto::test::LogCapture log;
   for (const char* bad : {"loopA", "self", "dangling"}) {
     EXPECT_TRUE(workspace->copyFileIntoTmp((root / "links" / bad).string()).empty()) << bad;
   }
   EXPECT_TRUE(workspace->copyFileIntoTmp((root / "missing.wav").string()).empty());
   EXPECT_TRUE(workspace->copyFileIntoTmp((root / "media").string()).empty()) << "a folder is no media file";
-  EXPECT_EQ(log.count("Failed to copy"), 5u);
+  EXPECT_EQ(countLines(log, "Failed to copy"), 5u);
   EXPECT_FALSE(fs::exists(fs::path(workspace->tmpPath()) / "loopA"));
 }
 

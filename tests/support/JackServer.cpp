@@ -9,8 +9,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
 extern char** environ;
@@ -72,9 +70,15 @@ void endOrphanServer(const std::string& name) {
   while (dirent* entry = readdir(proc)) {
     const pid_t pid = pid_t(atoi(entry->d_name));
     if (pid <= 0) continue;
-    std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
-    std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    if (cmdline.compare(0, wanted.size(), wanted) == 0) orphans.push_back(pid);
+    // Plain read(): a process that ends while we look fails the read with ESRCH,
+    // which a stream would throw on.
+    const std::string path = "/proc/" + std::to_string(pid) + "/cmdline";
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) continue;
+    std::string cmdline(wanted.size(), '\0');
+    const ssize_t n = read(fd, cmdline.data(), cmdline.size());
+    close(fd);
+    if (n == ssize_t(wanted.size()) && cmdline == wanted) orphans.push_back(pid);
   }
   closedir(proc);
   for (pid_t pid : orphans) {

@@ -11,8 +11,8 @@ packages=(
   libsndfile1-dev libavformat-dev libavcodec-dev libswresample-dev libavutil-dev
   libsoxr-dev
   lv2-dev liblilv-dev libsuil-dev mda-lv2 lsp-plugins-lv2 x42-plugins
-  xvfb xauth
-  sox ffmpeg
+  xvfb xauth fonts-dejavu-core
+  sox ffmpeg espeak-ng
   clang
 )
 

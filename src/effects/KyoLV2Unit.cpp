@@ -506,13 +506,12 @@ bool KyoLV2Unit::restore(const LilvState* state, std::string* label) {
                          slot.features.data());
       lilv_instance_activate(slot.instance);
     }
-    m_swapping.store(true, std::memory_order_release);
+    m_swapSequence.fetch_add(1);
     {
       KyoMutexLocker lock(m_runLock);
       m_instances.swap(fresh);
-      m_swaps.fetch_add(1, std::memory_order_release);
     }
-    m_swapping.store(false, std::memory_order_release);
+    m_swapSequence.fetch_add(1);
     for (Instance& slot : fresh) lilv_instance_deactivate(slot.instance);
     destroySet(fresh);
   } else if (lilv_state_get_num_properties(state) > 0) {
@@ -651,14 +650,14 @@ void KyoLV2Unit::process(const AudioBufferList* input, AudioBufferList* output, 
   // Never run past the end of a buffer the caller made too short.
   for (uint32_t c = 0; c < input->mNumberBuffers; ++c) frames = std::min(frames, input->mBuffers[c].mDataByteSize / 4);
   for (uint32_t c = 0; c < output->mNumberBuffers; ++c) frames = std::min(frames, output->mBuffers[c].mDataByteSize / 4);
-  const uint32_t swapsBefore = m_swaps.load(std::memory_order_acquire);
+  const uint32_t sequence = m_swapSequence.load();
   if (!m_runLock.tryLock()) {
     // A swap of restored instances holds the lock for a few instructions only: wait
     // it out (the lock lends the holder our priority) rather than let a dry cycle
     // through. Anything else that holds it (a reset, an uninitialize) is long, and
-    // the input passes. A swap that ended between the try and this check shows in
-    // the count.
-    if (!m_swapping.load(std::memory_order_acquire) && m_swaps.load(std::memory_order_acquire) == swapsBefore) {
+    // the input passes. A swap holding the lock now was counted before it took it,
+    // so either it was under way at the first look (odd) or the count has moved.
+    if (sequence % 2 == 0 && m_swapSequence.load() == sequence) {
       passThrough(input, output, frames);
       return;
     }

@@ -201,8 +201,9 @@ class KyoLV2Unit final : public KyoAudioUnit {
   std::atomic<bool> m_bypass{false};
   std::atomic<bool> m_active{false};
   // True while restored instances are being swapped in under the run lock.
-  std::atomic<bool> m_swapping{false};
-  std::atomic<uint32_t> m_swaps{0};  // swaps done, counted under the run lock
+  // Odd while a swap of restored instances is under way: counted up once before the
+  // swap takes the run lock and once after it lets go.
+  std::atomic<uint32_t> m_swapSequence{0};
   static_assert(std::atomic<float>::is_always_lock_free);
   static_assert(std::atomic<bool>::is_always_lock_free);
 

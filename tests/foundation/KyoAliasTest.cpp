@@ -7,19 +7,13 @@
 #include <fstream>
 #include <thread>
 
-#include "foundation/KyoLog.h"
+#include "support/Waiting.h"
 #include "support/TestFiles.h"
 
 namespace fs = std::filesystem;
+using sonto::test::LogCapture;
 
 namespace {
-struct LogCapture {
-  std::vector<std::string> lines;
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) { lines.push_back(line); });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-};
 
 // A fresh folder per test, with symbolic links resolved so paths compare exactly.
 std::string freshFolder(const std::string& name) {
@@ -41,7 +35,7 @@ TEST(KyoAlias, OnlyExistingFilesGiveAnAlias) {
   EXPECT_EQ(KyoAlias::aliasWithPath(folder + "/missing.wav"), nullptr);
   EXPECT_EQ(KyoAlias::aliasWithPath(""), nullptr);
   EXPECT_EQ(KyoAlias::aliasWithPath(folder + "/missing/inner.wav"), nullptr);
-  EXPECT_TRUE(log.lines.empty());  // a missing file is no error
+  EXPECT_TRUE(log.lines().empty());  // a missing file is no error
 
   writeFile(folder + "/a.wav", "abc");
   auto alias = KyoAlias::aliasWithPath(folder + "/a.wav");
@@ -139,7 +133,7 @@ TEST(KyoAlias, DeletedFilesArchivesAndDamagedRecords) {
   EXPECT_EQ(restored->fileURL(), "file://");
   EXPECT_EQ(restored->lastKnownFullPath(), root + "/gone.wav");
   EXPECT_TRUE(alias->isEqual(*other));  // both vanished
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.lines().empty());
 
   // An empty alias archives as no bytes and reads back empty.
   KyoAlias empty;
@@ -147,18 +141,18 @@ TEST(KyoAlias, DeletedFilesArchivesAndDamagedRecords) {
   EXPECT_EQ(empty.fullPath(), "");
   auto emptyAgain = KyoAlias::aliasWithArchive(empty.archive());
   EXPECT_FALSE(emptyAgain->hasRecord());
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.lines().empty());
 
   // Every truncation of a record, and flipped bytes, decode to nothing, logged.
   const std::vector<uint8_t> bytes = archive.alias;
   for (size_t length = 1; length < bytes.size(); ++length) {
-    log.lines.clear();
+    log.clear();
     auto damaged = KyoAlias::aliasWithData(std::vector<uint8_t>(bytes.begin(), bytes.begin() + long(length)),
                                            "/last/known.wav");
     EXPECT_FALSE(damaged->hasRecord()) << length;
     EXPECT_EQ(damaged->fullPath(), "");
     EXPECT_EQ(damaged->lastKnownFullPath(), "/last/known.wav");
-    EXPECT_EQ(log.lines.size(), 1u);
+    EXPECT_EQ(log.lines().size(), 1u);
   }
   std::vector<uint8_t> hugeLength = bytes;
   hugeLength[4] = 0xFF;
@@ -176,8 +170,8 @@ TEST(KyoAlias, BaseThatDoesNotExistIsLogged) {
   writeFile(root + "/a.wav", "a");
   auto alias = KyoAlias::aliasWithPath(root + "/a.wav");
   EXPECT_EQ(alias->fullPathFromPath(root + "/no such document"), "");
-  ASSERT_EQ(log.lines.size(), 1u);
-  EXPECT_EQ(log.lines[0].rfind("Error: -43 ", 0), 0u) << log.lines[0];
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0].rfind("Error: -43 ", 0), 0u) << log.lines()[0];
 }
 
 TEST(KyoAlias, CopiesAreIndependent) {

@@ -9,19 +9,10 @@
 
 #include "foundation/KyoCollections.h"
 #include "foundation/KyoEnvironment.h"
-#include "foundation/KyoGeometry.h"
 #include "foundation/KyoHostTime.h"
-#include "foundation/KyoLog.h"
+#include "support/Waiting.h"
 
-namespace {
-struct LogCapture {
-  std::vector<std::string> lines;
-  LogCapture() {
-    KyoSetLogSink([this](const std::string& line) { lines.push_back(line); });
-  }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
-};
-}  // namespace
+using sonto::test::LogCapture;
 
 // Rounding and carrying around every unit boundary: what an operator reads on a
 // running cue.
@@ -132,26 +123,34 @@ TEST(KyoStringUtilities, DotNotation) {
   EXPECT_EQ(addressInDotNotation(0), "0.0.0.0");
   EXPECT_EQ(addressFromDotNotation("192.168.1.1"), 0xC0A80101u);
   EXPECT_EQ(addressFromDotNotation("255.255.255.0"), 0xFFFFFF00u);
-  EXPECT_TRUE(log.lines.empty());
+  EXPECT_TRUE(log.lines().empty());
   for (const char* bad : {"0.1.2.3", "1.2.3", "1.2.3.4.5", "", "x.1.2.3", "...."}) {
-    log.lines.clear();
+    log.clear();
     EXPECT_EQ(addressFromDotNotation(bad), 0u) << bad;
-    ASSERT_EQ(log.lines.size(), 1u) << bad;
-    EXPECT_EQ(log.lines[0], std::string("Error: Not an IPv4 address in dot notation: ") + bad);
+    ASSERT_EQ(log.lines().size(), 1u) << bad;
+    EXPECT_EQ(log.lines()[0], std::string("Error: Not an IPv4 address in dot notation: ") + bad);
   }
 }
 
 TEST(KyoStringUtilities, EllipsisTruncationCountsCharactersNotBytes) {
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("Intro", 5), "Intro");
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("Intro music", 5), "Intr\u2026");
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("Intro music", 1), "\u2026");
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("Intro music", 0), "");
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("", 0), "");
-  // "Überraschung" has 12 characters, 13 bytes: the cut must not split the Ü.
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("\u00DCberraschung", 12), "\u00DCberraschung");
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("\u00DCberraschung", 2), "\u00DC\u2026");
-  EXPECT_EQ(stringWithEllipsisByTruncatingToLength("\u00E9\u00E9\u00E9", 2), "\u00E9\u2026");
-  EXPECT_EQ(KyoCharacterCount(stringWithEllipsisByTruncatingToLength("\u00E9\u00E9\u00E9\u00E9", 3)), 3u);
+  const struct {
+    const char* text;
+    size_t length;
+    const char* result;
+  } cases[] = {
+      {"Intro", 5, "Intro"},
+      {"Intro music", 5, "Intr\u2026"},
+      {"Intro music", 1, "\u2026"},
+      {"Intro music", 0, ""},
+      {"", 0, ""},
+      // "Überraschung" has 12 characters, 13 bytes: the cut must not split the Ü.
+      {"\u00DCberraschung", 12, "\u00DCberraschung"},
+      {"\u00DCberraschung", 2, "\u00DC\u2026"},
+      {"\u00E9\u00E9\u00E9", 2, "\u00E9\u2026"},
+      {"\u00E9\u00E9\u00E9\u00E9", 3, "\u00E9\u00E9\u2026"},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(stringWithEllipsisByTruncatingToLength(c.text, c.length), c.result) << c.text << " to " << c.length;
 }
 
 TEST(KyoStringUtilities, MSCFields) {
@@ -169,8 +168,8 @@ TEST(KyoStringUtilities, MSCFields) {
   EXPECT_EQ(s->Q_number, "12");
   EXPECT_EQ(s->Q_list, "");
   EXPECT_EQ(s->Q_path, "");
-  ASSERT_EQ(log.lines.size(), 1u);
-  EXPECT_EQ(log.lines[0], "Warning: stringFromMSCByteData: unrecognized byte value 120");
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_EQ(log.lines()[0], "Warning: stringFromMSCByteData: unrecognized byte value 120");
 
   // Only the given length is read, even without a terminating zero.
   s = stringsFromMSCByteDataRepresentingList(full, 3);
@@ -250,13 +249,6 @@ TEST(KyoHostTime, ConvertsNanosecondTicks) {
   EXPECT_DOUBLE_EQ(KyoSecondsFromHostTime(1500000000u), 1.5);
   for (uint64_t ticks : {0ull, 1ull, 999ull, 123456789012ull})
     EXPECT_EQ(KyoHostTimeFromSeconds(KyoSecondsFromHostTime(ticks)), ticks);
-}
-
-TEST(KyoGeometry, InsetAndDistance) {
-  EXPECT_EQ(KyoInsetRect(KyoMakeRect(10, 20, 100, 50), 2, 3), KyoMakeRect(12, 23, 96, 44));
-  EXPECT_EQ(KyoInsetRect(KyoMakeRect(0, 0, 10, 10), -1, -1), KyoMakeRect(-1, -1, 12, 12));
-  EXPECT_FLOAT_EQ(KyoPointDistance({0, 0}, {3, 4}), 5.0f);
-  EXPECT_FLOAT_EQ(KyoPointDistance({1, 1}, {1, 1}), 0.0f);
 }
 
 TEST(KyoEnvironment, IPAddressesOfThisMachine) {

@@ -1,5 +1,6 @@
 #include "EffectTestSupport.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -34,6 +35,48 @@ void TestBufferList::fillSignal() {
   for (uint32_t c = 0; c < m_list->mNumberBuffers; ++c) {
     for (uint32_t f = 0; f < m_frames; ++f) channel(c)[f] = testSignal(f, c);
   }
+}
+
+void expectScaledSignal(TestBufferList& out, uint64_t start, float factor, float tolerance) {
+  for (uint32_t c = 0; c < out.list()->mNumberBuffers; ++c) {
+    for (uint32_t f = 0; f < out.frames(); ++f) {
+      const float expected = testSignal((uint32_t)(start + f), c) * factor;
+      const float sample = out.channel(c)[f];
+      if (tolerance == kExactly) {
+        ASSERT_EQ(sample, expected) << "channel " << c << " frame " << f;
+      } else if (tolerance == 0.0f) {
+        ASSERT_FLOAT_EQ(sample, expected) << "channel " << c << " frame " << f;
+      } else {
+        ASSERT_NEAR(sample, expected, tolerance) << "channel " << c << " frame " << f;
+      }
+    }
+  }
+}
+
+std::shared_ptr<KyoEffect> readyMixer(std::shared_ptr<KyoEffect> mixer, uint32_t inputs, uint32_t outputs,
+                                      bool initialize) {
+  if (!mixer || !mixer->open()) return nullptr;
+  EXPECT_TRUE(mixer->setInputStreamFormat(KyoAudioStreamDescription(48000.0, inputs)));
+  EXPECT_TRUE(mixer->setOutputStreamFormat(KyoAudioStreamDescription(48000.0, outputs)));
+  EXPECT_TRUE(!initialize || mixer->initialize());
+  return mixer;
+}
+
+Rendering renderCycles(KyoEffect& effect, uint32_t channels, uint32_t frames, int cycles) {
+  TestBufferList out(channels, frames);
+  Rendering result;
+  // Reserved before the watch, so that only the effect could allocate.
+  result.samples.reserve(size_t(cycles) * channels * frames);
+  result.allocations = allocationsOnRenderThread([&] {
+    for (int cycle = 0; cycle < cycles; ++cycle) {
+      uint32_t flags = 0;
+      const int32_t status = effect.render(&flags, nullptr, 0, frames, out.list());
+      if (status != 0 && result.status == 0) result.status = status;
+      for (uint32_t c = 0; c < channels; ++c)
+        result.samples.insert(result.samples.end(), out.channel(c), out.channel(c) + frames);
+    }
+  });
+  return result;
 }
 
 KyoRenderInfo TestSignalSource::renderInfo() {

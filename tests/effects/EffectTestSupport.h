@@ -1,14 +1,18 @@
 #pragma once
-// Shared by the effect tests: the test plugins' URIs, buffers, and effects made ready to render.
+// Shared by the effect tests: the test plugins' URIs, buffers, effects made ready to
+// render, and renders checked against the test signal.
 
 #include <cmath>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "audio/KyoAudioBufferList.h"
 #include "audio/KyoAudioRendering.h"
 #include "effects/KyoEffect.h"
+#include "support/AllocationCounter.h"
 #include "support/Waiting.h"
 
 namespace sonto::test {
@@ -19,7 +23,8 @@ inline constexpr const char* kMissingBinaryURI = "urn:sonto:test:missing-binary"
 inline constexpr const char* kMDAOverdriveURI = "http://drobilla.net/plugins/mda/Overdrive";
 inline constexpr const char* kMDADelayURI = "http://drobilla.net/plugins/mda/Delay";
 inline constexpr const char* kMDADetuneURI = "http://drobilla.net/plugins/mda/Detune";
-inline constexpr uint32_t kGainParameter = 0;   // the fixture's gain port, in dB
+inline constexpr const char* kMDAAmbienceURI = "http://drobilla.net/plugins/mda/Ambience";
+inline constexpr uint32_t kGainParameter = 0;  // the fixture's gain port, in dB
 inline constexpr float kGainLatencyFrames = 64.0f;
 
 // The factor a gain of db decibels multiplies by.
@@ -50,6 +55,11 @@ class TestBufferList {
 // The signal fillSignal() writes at frame f of channel c.
 float testSignal(uint32_t frame, uint32_t channel);
 
+// Checks every channel of out against testSignal() from frame start on, times factor:
+// to 4 ULPs when tolerance is 0, bit for bit when it is kExactly, else within tolerance.
+inline constexpr float kExactly = -1.0f;
+void expectScaledSignal(TestBufferList& out, uint64_t start, float factor, float tolerance = 0.0f);
+
 // A render callback that plays testSignal() from frame 0 on, one channel per buffer,
 // and counts what it was asked for. Render thread; no allocation.
 class TestSignalSource {
@@ -75,5 +85,31 @@ inline bool attach(KyoEffect& effect, double rate, uint32_t channels, TestSignal
   return effect.open() && effect.setStreamFormat(KyoAudioStreamDescription(rate, channels)) &&
          effect.setRenderCallback(source.renderInfo()) && effect.initialize();
 }
+
+// Opens a matrix mixer effect with inputs in and outputs out at 48 kHz, initialized
+// unless told not to; null when it does not open.
+std::shared_ptr<KyoEffect> readyMixer(std::shared_ptr<KyoEffect> mixer, uint32_t inputs, uint32_t outputs,
+                                      bool initialize = true);
+
+// Runs body on a thread of its own watched by the allocation counter (a stand-in render
+// thread); answers what that thread allocated.
+template <class Body>
+uint64_t allocationsOnRenderThread(Body body) {
+  resetWatchedAllocations();
+  std::thread([&] {
+    ScopedAllocationWatch watch;
+    body();
+  }).join();
+  return watchedAllocations();
+}
+
+// Renders cycles of frames from effect on a watched thread: every cycle's output,
+// channel after channel, the first failing status (0 when none) and the allocations.
+struct Rendering {
+  std::vector<float> samples;
+  int32_t status = 0;
+  uint64_t allocations = 0;
+};
+Rendering renderCycles(KyoEffect& effect, uint32_t channels, uint32_t frames, int cycles);
 
 }  // namespace sonto::test

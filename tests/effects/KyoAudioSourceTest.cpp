@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <fstream>
@@ -20,7 +21,6 @@
 #include "effects/KyoEffect.h"
 #include "effects/KyoEffectBus.h"
 #include "foundation/KyoClock.h"
-#include "support/AllocationCounter.h"
 #include "support/TestFiles.h"
 
 using namespace sonto::test;
@@ -39,13 +39,11 @@ struct Device {
     KyoHAL::shared().destroyOfflineDevice(id);
   }
   void pull(uint32_t cycles) { ASSERT_EQ(KyoHAL::shared().pullOffline(id, cycles), 0); }
-  std::vector<std::vector<float>> recording() { return KyoHAL::shared().offlineRecording(id); }
-  void clear() { KyoHAL::shared().clearOfflineRecording(id); }
   // What the next cycles play, alone.
   std::vector<std::vector<float>> record(uint32_t cycles) {
-    clear();
+    KyoHAL::shared().clearOfflineRecording(id);
     EXPECT_EQ(KyoHAL::shared().pullOffline(id, cycles), 0);
-    return recording();
+    return KyoHAL::shared().offlineRecording(id);
   }
   KyoAudioObjectID id = 0;
   std::shared_ptr<KyoAudioDevice> device;
@@ -66,7 +64,6 @@ void waitUntilReady(KyoAudioSource& source) {
 
 std::shared_ptr<KyoAudioSource> loadedSource(Device& d, const std::string& path) {
   auto source = KyoAudioSource::create();
-  EXPECT_TRUE(source);
   source->setDevice(d.device);
   source->setAlias(KyoAlias::aliasWithPath(path));
   EXPECT_TRUE(source->isValid());
@@ -75,11 +72,20 @@ std::shared_ptr<KyoAudioSource> loadedSource(Device& d, const std::string& path)
   return source;
 }
 
-// Frames of the recording, on channel c, that are not silent.
-size_t soundingFrames(const std::vector<float>& channel, size_t from = 0) {
-  size_t n = 0;
-  for (size_t i = from; i < channel.size(); ++i) n += channel[i] != 0.0f;
-  return n;
+// Every frame of a recorded channel must equal expected(frame); the first misses are shown.
+template <class Expected>
+void expectFrames(const std::vector<float>& channel, Expected expected, const std::string& what = "") {
+  size_t wrong = 0;
+  for (size_t i = 0; i < channel.size(); ++i) {
+    const float want = expected(int64_t(i));
+    if (channel[i] != want && wrong++ < 3) ADD_FAILURE() << what << " frame " << i << ": " << channel[i] << " != " << want;
+  }
+  EXPECT_EQ(wrong, 0u) << what;
+}
+
+// Frames of a recorded channel that are not silent.
+size_t soundingFrames(const std::vector<float>& channel) {
+  return channel.size() - size_t(std::count(channel.begin(), channel.end(), 0.0f));
 }
 
 }  // namespace
@@ -110,25 +116,18 @@ TEST_P(SourcePlayTest, FileArrivesAtTheDeviceSampleForSample) {
   source->setMasterVolume(c.master);
   if (c.monoToBoth) source->setVolume(1.0f, 1, 2);  // input 0 to logical channel 1 as well
 
-  d.clear();
   source->play();
   EXPECT_TRUE(source->isPlaying());
   const uint32_t cycles = uint32_t(frames / c.bufferFrames) + 3;
-  d.pull(cycles);
-  auto rec = d.recording();
+  auto rec = d.record(cycles);
   ASSERT_EQ(rec.size(), 2u);
   ASSERT_EQ(rec[0].size(), size_t(cycles) * c.bufferFrames);
   for (uint32_t out = 0; out < 2; ++out) {
     const bool routed = out < c.fileChannels || c.monoToBoth;
     const uint32_t fileChannel = c.fileChannels == 1 ? 0 : out;
-    size_t wrong = 0;
-    for (int64_t i = 0; i < int64_t(rec[out].size()); ++i) {
-      const float expected = routed && i < frames ? rampSample(i, fileChannel) * c.master : 0.0f;
-      if (rec[out][i] != expected && wrong++ < 3) {
-        ADD_FAILURE() << "channel " << out << " frame " << i << ": " << rec[out][i] << " != " << expected;
-      }
-    }
-    EXPECT_EQ(wrong, 0u) << "channel " << out;
+    expectFrames(
+        rec[out], [&](int64_t i) { return routed && i < frames ? rampSample(i, fileChannel) * c.master : 0.0f; },
+        "channel " + std::to_string(out));
   }
 }
 
@@ -154,10 +153,7 @@ TEST(KyoAudioSource, SlicesSurviveARebuildAndPlayFromTheirFirstFrame) {
   source->play();
   auto rec = d.record(130);
   // Two passes of frames 4800 to 11999, seamless, then silence.
-  for (size_t i = 0; i < rec[0].size(); ++i) {
-    const float expected = i < 14400 ? rampSample(4800 + int64_t(i % 7200), 0) * 0.5f : 0.0f;
-    ASSERT_EQ(rec[0][i], expected) << i;
-  }
+  expectFrames(rec[0], [](int64_t i) { return i < 14400 ? rampSample(4800 + i % 7200, 0) * 0.5f : 0.0f; });
 }
 
 TEST(KyoAudioSource, VolumesAndRoutingOnTheSourcesMixer) {
@@ -173,10 +169,8 @@ TEST(KyoAudioSource, VolumesAndRoutingOnTheSourcesMixer) {
   source->setVolume(0.0f, 2, 0);   // input 1 off
   source->play();
   auto rec = d.record(4);
-  for (size_t i = 0; i < rec[0].size(); ++i) {
-    ASSERT_EQ(rec[0][i], rampSample(int64_t(i), 0)) << i;
-    ASSERT_EQ(rec[1][i], rampSample(int64_t(i), 0) * 0.5f) << i;
-  }
+  expectFrames(rec[0], [](int64_t i) { return rampSample(i, 0); });
+  expectFrames(rec[1], [](int64_t i) { return rampSample(i, 0) * 0.5f; });
   source->setSilentVolumes();
   EXPECT_EQ(source->masterVolume(), 0.0f);
   rec = d.record(2);
@@ -253,8 +247,7 @@ TEST(KyoAudioSource, MissingPluginLeavesTheSourcePlayableAndSaysWhy) {
   waitUntilReady(*source);
   source->setDefaultVolumes();
   source->play();
-  auto rec = d.record(4);
-  for (size_t i = 0; i < rec[0].size(); ++i) ASSERT_EQ(rec[0][i], rampSample(int64_t(i), 0)) << i;
+  expectFrames(d.record(4)[0], [](int64_t i) { return rampSample(i, 0); });
   EXPECT_EQ(source->effects().size(), 1u);  // kept on the list, to be saved again
 }
 
@@ -349,13 +342,10 @@ TEST_F(SourceTimeTest, ActionsOfABatchLandInOneCycleAndTheFileEndFinishes) {
   a->play();  // a second play does nothing
   EXPECT_FALSE(a->isPlaying());
   d.device->endSyncedActions();
-  d.clear();
-  d.pull(12);
+  auto rec = d.record(12);
   EXPECT_TRUE(a->isPlaying());
-  auto rec = d.recording();
-  // Both start on the same frame: their sum is exact from frame 0.
-  for (int64_t i = 0; i < frames; ++i) ASSERT_EQ(rec[0][i], rampSample(i, 0) + rampSample(i, 0)) << i;
-  EXPECT_EQ(soundingFrames(rec[0], size_t(frames)), 0u);
+  // Both start on the same frame: their sum is exact from frame 0, then silence.
+  expectFrames(rec[0], [&](int64_t i) { return i < frames ? rampSample(i, 0) + rampSample(i, 0) : 0.0f; });
   EXPECT_TRUE(a->buffer()->isFinished());
   clock->advance(1.0);
   EXPECT_EQ(delegate.calls, 1);
@@ -452,9 +442,7 @@ TEST(KyoAudioSource, LiveSourcePlaysTheDevicesInput) {
   source->play();
   auto rec = d.record(8);
   // The input of a cycle reaches the output in the same cycle.
-  size_t matching = 0;
-  for (size_t i = 0; i < rec[0].size(); ++i) matching += rec[0][i] == input[0][i] && rec[1][i] == input[1][i];
-  EXPECT_EQ(matching, rec[0].size());
+  EXPECT_EQ(rec, input);
 }
 
 // --- Threads ---
@@ -469,23 +457,16 @@ TEST(KyoAudioSource, RenderThreadAllocatesNothingWhilePlaying) {
   source->play();
   // The device's offline recording grows as it pulls, so the source is pulled alone here.
   TestBufferList out(kKyoLogicalChannels, 128);
-  std::atomic<uint64_t> allocations{~0ull};
-  std::thread render([&] {
-    KyoAudioTimeStamp ts;
-    resetWatchedAllocations();
-    {
-      ScopedAllocationWatch watch;
-      for (int cycle = 0; cycle < 300; ++cycle) {
-        uint32_t flags = 0;
-        ts.mSampleTime = cycle * 128.0;
-        source->render(&flags, &ts, 0, 128, out.list());
-        if (cycle == 150) source->_stop();
-      }
-    }
-    allocations = watchedAllocations();
-  });
-  render.join();
-  EXPECT_EQ(allocations.load(), 0u);
+  KyoAudioTimeStamp ts;
+  EXPECT_EQ(allocationsOnRenderThread([&] {
+              for (int cycle = 0; cycle < 300; ++cycle) {
+                uint32_t flags = 0;
+                ts.mSampleTime = cycle * 128.0;
+                source->render(&flags, &ts, 0, 128, out.list());
+                if (cycle == 150) source->_stop();
+              }
+            }),
+            0u);
   source->hardStop();
 }
 

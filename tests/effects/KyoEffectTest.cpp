@@ -1,20 +1,17 @@
 #include "effects/KyoEffect.h"
 
 #include <gtest/gtest.h>
-
 #include <strings.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include "EffectTestSupport.h"
 #include "effects/KyoEffectCatalogue.h"
 #include "effects/KyoLV2Unit.h"
 #include "foundation/KyoNotificationCenter.h"
-#include "support/AllocationCounter.h"
 
 using namespace sonto::test;
 
@@ -26,28 +23,22 @@ KyoAudioComponentDescription gainDescription() { return KyoAudioComponentDescrip
 std::shared_ptr<KyoEffect> liveEffect(const KyoAudioComponentDescription& description, double rate, uint32_t channels,
                                       TestSignalSource& source) {
   auto effect = KyoEffect::effectWithDescription(description);
-  if (!effect || !attach(*effect, rate, channels, source)) return nullptr;
-  return effect;
+  return effect && attach(*effect, rate, channels, source) ? effect : nullptr;
 }
 
 // A new effect from a saved form, opened, with its settings applied.
 std::shared_ptr<KyoEffect> reopened(const KyoEffectProperties& properties) {
   auto effect = KyoEffect::effectWithProperties(properties);
-  if (!effect || !effect->open() || !effect->setParameters()) return nullptr;
-  return effect;
+  return effect && effect->open() && effect->setParameters() ? effect : nullptr;
 }
 
+// One cycle from frame startFrame on must be the test signal at a gain of db.
 void expectGain(KyoEffect& effect, uint32_t channels, uint32_t frames, float db, uint64_t startFrame = 0) {
   TestBufferList out(channels, frames);
   uint32_t flags = 0;
   KyoAudioTimeStamp timeStamp;
   ASSERT_EQ(effect.render(&flags, &timeStamp, 0, frames, out.list()), 0);
-  for (uint32_t c = 0; c < channels; ++c) {
-    for (uint32_t f = 0; f < frames; ++f) {
-      ASSERT_FLOAT_EQ(out.channel(c)[f], testSignal((uint32_t)(startFrame + f), c) * dbFactor(db))
-          << "channel " << c << " frame " << f;
-    }
-  }
+  expectScaledSignal(out, startFrame, dbFactor(db));
 }
 
 }  // namespace
@@ -56,21 +47,20 @@ TEST(KyoEffect, FixtureFromItsDescriptionRendersExactlyMinusSixDecibels) {
   TestSignalSource source;
   auto effect = liveEffect(gainDescription(), 48000.0, 2, source);
   ASSERT_NE(effect, nullptr);
-  EXPECT_EQ(effect->manufacturer(), "Sonto Tests");
-  EXPECT_EQ(effect->name(), "Test Gain");
-  EXPECT_EQ(effect->displayName(), "Test Gain");
+  EXPECT_EQ(effect->manufacturer() + "|" + effect->name() + "|" + effect->displayName(),
+            "Sonto Tests|Test Gain|Test Gain");
   EXPECT_EQ(effect->titleOfParameter(kGainParameter), "Gain");
   effect->setValue(-6.0f, kGainParameter);
   expectGain(*effect, 2, 256, -6.0f);
   EXPECT_DOUBLE_EQ(effect->latency(), kGainLatencyFrames / 48000.0);
 }
 
-TEST(KyoEffect, ComponentNamesSplitIntoMakerAndName) {
-  struct Case {
+TEST(KyoEffect, ComponentNamesAndNearestChannelCounts) {
+  const struct {
     const char* text;
     const char* manufacturer;
     const char* name;
-  } cases[] = {
+  } names[] = {
       {"Sonto Tests: Test Gain", "Sonto Tests", "Test Gain"},
       {"Maker:Name", "Maker", "Name"},
       {"No Colon Here", "Unknown", "No Colon Here"},
@@ -78,38 +68,34 @@ TEST(KyoEffect, ComponentNamesSplitIntoMakerAndName) {
       {"A:B:C", "Unknown", "A:B:C"},
       {"", "Unknown", ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : names) {
     std::string manufacturer, name;
     KyoEffect::splitComponentName(c.text, &manufacturer, &name);
-    EXPECT_EQ(manufacturer, c.manufacturer) << c.text;
-    EXPECT_EQ(name, c.name) << c.text;
+    EXPECT_EQ(manufacturer + "|" + name, std::string(c.manufacturer) + "|" + c.name) << c.text;
   }
-}
 
-TEST(KyoEffect, NearestSupportedChannelCount) {
-  struct Case {
+  const struct {
     std::vector<KyoChannelInfo> records;
     uint32_t wanted;
+    bool input;
     uint32_t answer;
-  } cases[] = {
-      {{{1, 1}, {2, 2}}, 6, 2},
-      {{{-1, -1}}, 6, 6},
-      {{{-4, -4}}, 6, 4},
-      {{{-4, -4}}, 3, 3},
-      {{{0, 2}}, 1, 0},          // as near as the start value: stays 0
-      {{{0, 2}, {2, 2}}, 1, 0},  // 2 is no nearer than 0: in a tie the earlier stands
-      {{{1, 1}, {3, 3}}, 2, 1},
-      {{{-2, -1}}, 8, 8},
-      {{}, 2, 0},
+  } counts[] = {
+      {{{1, 1}, {2, 2}}, 6, true, 2},
+      {{{-1, -1}}, 6, true, 6},
+      {{{-4, -4}}, 6, true, 4},
+      {{{-4, -4}}, 3, true, 3},
+      {{{0, 2}}, 1, true, 0},          // as near as the start value: stays 0
+      {{{0, 2}, {2, 2}}, 1, true, 0},  // 2 is no nearer than 0: in a tie the earlier stands
+      {{{1, 1}, {3, 3}}, 2, true, 1},
+      {{{-2, -1}}, 8, true, 8},
+      {{}, 2, true, 0},
+      {{{2, 1}}, 3, false, 1},  // the output side looks at the second value
+      {{{2, 1}}, 3, true, 2},
   };
-  for (const Case& c : cases) {
-    EXPECT_EQ(KyoEffect::nearestChannelCount(c.records, c.wanted, true), c.answer)
+  for (const auto& c : counts) {
+    EXPECT_EQ(KyoEffect::nearestChannelCount(c.records, c.wanted, c.input), c.answer)
         << c.records.size() << " records, " << c.wanted << " wanted";
   }
-  // The output side looks at the second value.
-  EXPECT_EQ(KyoEffect::nearestChannelCount({{2, 1}}, 3, false), 1u);
-  EXPECT_EQ(KyoEffect::nearestChannelCount({{2, 1}}, 3, true), 2u);
-
   // A mono plugin takes any count, by running once per channel.
   auto effect = KyoEffect::effectWithDescription(gainDescription());
   ASSERT_NE(effect, nullptr);
@@ -126,20 +112,13 @@ TEST(KyoEffect, SettingsSurviveSavingAndRestoringIntoANewEffect) {
   effect->setValue(-6.0f, kGainParameter);
   effect->setDisplayName("Lobby trim");
 
-  KyoEffectProperties properties = effect->properties();
-  EXPECT_EQ(properties.className, "KyoEffect");
-  EXPECT_EQ(properties.component, std::vector<uint8_t>(kGainURI, kGainURI + strlen(kGainURI)));
-  EXPECT_EQ(properties.manufacturer, "Sonto Tests");
-  EXPECT_EQ(properties.name, "Test Gain");
-  EXPECT_EQ(properties.displayName, "Lobby trim");
-  EXPECT_EQ(properties.enabled, true);
-  EXPECT_EQ(properties.editorIsOpen, false);
-  EXPECT_FALSE(properties.lastEditorFrame);
+  const KyoEffectProperties properties = effect->properties();
   ASSERT_TRUE(properties.settings);
-
+  const std::vector<uint8_t> component(kGainURI, kGainURI + strlen(kGainURI));
+  EXPECT_EQ(properties, (KyoEffectProperties{"KyoEffect", component, "Sonto Tests", "Test Gain", "Lobby trim", true,
+                                             false, std::nullopt, properties.settings}));
   // The settings are plain text: they go through a file as they are.
-  const std::string settings = *properties.settings;
-  EXPECT_EQ(settings.find('\0'), std::string::npos);
+  EXPECT_EQ(properties.settings->find('\0'), std::string::npos);
 
   TestSignalSource source2;
   auto restored = KyoEffect::effectWithProperties(properties);
@@ -164,11 +143,8 @@ TEST(KyoEffect, ACopyKeepsTheSettingsAndLeavesTheOriginalAlone) {
   ASSERT_NE(effect, nullptr);
   effect->setValue(-6.0f, kGainParameter);
   auto twin = effect->copy();
-  ASSERT_NE(twin, nullptr);
-  ASSERT_NE(twin, effect);
-  EXPECT_EQ(twin->stream(), nullptr);
-  EXPECT_EQ(twin->editor(), nullptr);
-  EXPECT_EQ(twin->audioUnit(), nullptr);
+  ASSERT_TRUE(twin && twin != effect);
+  EXPECT_TRUE(!twin->stream() && !twin->editor() && !twin->audioUnit());
   ASSERT_TRUE(twin->state());
   EXPECT_EQ(twin->state()->settings, effect->state()->settings);
 
@@ -176,7 +152,6 @@ TEST(KyoEffect, ACopyKeepsTheSettingsAndLeavesTheOriginalAlone) {
   ASSERT_TRUE(attach(*twin, 44100.0, 2, twinSource));
   ASSERT_TRUE(twin->setParameters());
   expectGain(*twin, 2, 128, -6.0f);
-
   // Changing the copy does not reach the original.
   twin->setValue(-20.0f, kGainParameter);
   EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
@@ -188,8 +163,7 @@ TEST(KyoEffect, ACopyKeepsTheSettingsAndLeavesTheOriginalAlone) {
   const auto first = detached->state();
   detached->saveState();
   EXPECT_EQ(detached->state(), first);
-  auto detachedTwin = detached->copy();
-  EXPECT_EQ(detachedTwin->state(), first);
+  EXPECT_EQ(detached->copy()->state(), first);
 }
 
 TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
@@ -202,53 +176,43 @@ TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
   properties.enabled = false;
   properties.settings = "whatever the plugin kept";
 
-  {
-    LogCapture log;
-    KyoError error;
-    EXPECT_EQ(KyoEffect::effectWithProperties(properties, &error), nullptr);
-    EXPECT_EQ(error.domain, kKyoEffectErrorDomain);
-    EXPECT_EQ(error.code, -2005);
-    EXPECT_TRUE(log.contains("Error: -2005 [")) << (log.lines().empty() ? "" : log.lines().front());
-    EXPECT_TRUE(log.contains(uri));
-  }
-  {
-    // Decoding keeps the effect standing, so that saving again loses nothing.
-    LogCapture log;
-    auto effect = KyoEffect::effectWithCoder(properties);
-    ASSERT_NE(effect, nullptr);
-    EXPECT_EQ(effect->manufacturer(), "Gone Audio");
-    EXPECT_EQ(effect->displayName(), "Hall");
-    EXPECT_FALSE(effect->open());
-    EXPECT_EQ(effect->encode(), properties);
+  LogCapture log;
+  KyoError error;
+  EXPECT_EQ(KyoEffect::effectWithProperties(properties, &error), nullptr);
+  EXPECT_EQ(error.domain, kKyoEffectErrorDomain);
+  EXPECT_EQ(error.code, -2005);
+  EXPECT_TRUE(log.contains("Error: -2005 [")) << log.all();
+  EXPECT_TRUE(log.contains(uri));
 
-    // A stream goes on without it.
-    KyoStream stream;
-    ASSERT_TRUE(stream.create());
-    ASSERT_TRUE(stream.open());
-    EXPECT_FALSE(stream.addEffect(effect.get()));
-    EXPECT_EQ(effect->stream(), nullptr);
-    EXPECT_TRUE(stream.initialize());
-    EXPECT_EQ(effect->encode(), properties);
-  }
+  // Decoding keeps the effect standing, so that saving again loses nothing.
+  auto effect = KyoEffect::effectWithCoder(properties);
+  ASSERT_NE(effect, nullptr);
+  EXPECT_EQ(effect->manufacturer(), "Gone Audio");
+  EXPECT_EQ(effect->displayName(), "Hall");
+  EXPECT_FALSE(effect->open());
+  EXPECT_EQ(effect->encode(), properties);
+  // A stream goes on without it.
+  KyoStream stream;
+  ASSERT_TRUE(stream.create() && stream.open());
+  EXPECT_FALSE(stream.addEffect(effect.get()));
+  EXPECT_TRUE(stream.initialize());
+  EXPECT_EQ(effect->encode(), properties);
 
   // Broken saved forms: an unknown class, an empty component.
-  LogCapture log;
   KyoEffectProperties otherClass = properties;
   otherClass.className = "NoSuchEffectClass";
   EXPECT_EQ(KyoEffect::effectWithProperties(otherClass), nullptr);
   EXPECT_TRUE(log.contains("NoSuchEffectClass"));
-  KyoEffectProperties empty;
-  EXPECT_EQ(KyoEffect::effectWithProperties(empty), nullptr);
+  EXPECT_EQ(KyoEffect::effectWithProperties(KyoEffectProperties()), nullptr);
   EXPECT_EQ(KyoEffect::effectWithDescription(KyoAudioComponentDescription()), nullptr);
 
   // Settings that are not a plugin state are refused, and the state is kept for later.
   KyoEffectProperties garbled = KyoEffect::effectWithDescription(gainDescription())->properties();
   garbled.settings = "@prefix nonsense";
-  auto effect = KyoEffect::effectWithProperties(garbled);
-  ASSERT_NE(effect, nullptr);
-  ASSERT_TRUE(effect->open());
-  EXPECT_FALSE(effect->setParameters());
-  EXPECT_TRUE(effect->state());
+  auto garbledEffect = KyoEffect::effectWithProperties(garbled);
+  ASSERT_TRUE(garbledEffect && garbledEffect->open());
+  EXPECT_FALSE(garbledEffect->setParameters());
+  EXPECT_TRUE(garbledEffect->state());
 }
 
 TEST(KyoEffect, BypassSilencesLatencyAndTailAndIsPostedOnlyOnChange) {
@@ -259,15 +223,15 @@ TEST(KyoEffect, BypassSilencesLatencyAndTailAndIsPostedOnlyOnChange) {
   int posted = 0;
   KyoScopedObserver observer(KyoNotificationCenter::defaultCenter(), kKyoBypassChangedNotification,
                              [&](const KyoNotification&) { ++posted; });
-
-  EXPECT_TRUE(effect->enabled());
-  effect->setEnabled(true);
-  EXPECT_EQ(posted, 0);
-  effect->setEnabled(false);
-  EXPECT_EQ(posted, 1);
-  effect->setEnabled(false);
-  EXPECT_EQ(posted, 1);
-  EXPECT_FALSE(effect->enabled());
+  const struct {
+    bool enabled;
+    int posted;
+  } steps[] = {{true, 0}, {false, 1}, {false, 1}};
+  for (const auto& step : steps) {
+    effect->setEnabled(step.enabled);
+    EXPECT_EQ(posted, step.posted);
+    EXPECT_EQ(effect->enabled(), step.enabled);
+  }
   EXPECT_EQ(effect->latency(), 0.0);
   EXPECT_EQ(effect->tailTime(), 0.0);
   expectGain(*effect, 1, 64, 0.0f);
@@ -276,9 +240,7 @@ TEST(KyoEffect, BypassSilencesLatencyAndTailAndIsPostedOnlyOnChange) {
   KyoEffectProperties properties = effect->properties();
   EXPECT_EQ(properties.enabled, false);
   auto restored = KyoEffect::effectWithProperties(properties);
-  ASSERT_TRUE(restored && restored->open());
-  ASSERT_TRUE(restored->initialize());
-  ASSERT_TRUE(restored->setParameters());
+  ASSERT_TRUE(restored && restored->open() && restored->initialize() && restored->setParameters());
   EXPECT_FALSE(restored->enabled());
   EXPECT_EQ(posted, 2);
 }
@@ -294,7 +256,6 @@ TEST(KyoEffect, FactoryPresetsAreListedAndLoaded) {
   EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), 3.0f);
   EXPECT_EQ(effect->currentPresetName(), "Plus Three");
   ASSERT_TRUE(effect->setFactoryPreset(presets[0].number, presets[0].name));
-  EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
   EXPECT_FALSE(effect->setFactoryPreset(7, "No Such"));
   EXPECT_FALSE(effect->setFactoryPreset(-1, "No Such"));
   EXPECT_FLOAT_EQ(effect->valueForParameter(kGainParameter), -6.0f);
@@ -319,8 +280,7 @@ TEST(KyoEffect, MDAPluginFromTheCatalogueRunsAndKeepsItsState) {
   TestSignalSource source;
   auto effect = liveEffect(*found, 48000.0, 2, source);
   ASSERT_NE(effect, nullptr);
-  EXPECT_EQ(effect->manufacturer(), "MDA LV2");
-  EXPECT_EQ(effect->name(), "MDA Overdrive");
+  EXPECT_EQ(effect->manufacturer() + "|" + effect->name(), "MDA LV2|MDA Overdrive");
   const auto& menu = effect->parameterMenu();
   ASSERT_FALSE(menu.empty());
   std::vector<float> values;
@@ -329,43 +289,32 @@ TEST(KyoEffect, MDAPluginFromTheCatalogueRunsAndKeepsItsState) {
     values.push_back(0.25f + 0.5f * (float)(values.size() % 2));
     effect->setValue(values.back(), id);
   }
-  TestBufferList out(2, 512);
-  uint32_t flags = 0;
-  ASSERT_EQ(effect->render(&flags, nullptr, 0, 512, out.list()), 0);
+  EXPECT_EQ(renderCycles(*effect, 2, 512, 1).status, 0);
 
   auto restored = reopened(effect->properties());
   ASSERT_NE(restored, nullptr);
-  for (size_t i = 0; i < menu.size(); ++i) {
+  for (size_t i = 0; i < menu.size(); ++i)
     EXPECT_FLOAT_EQ(restored->valueForParameter(menu[i].second), values[i]) << menu[i].first;
-  }
   // The same settings from fresh instances make the same sound.
-  TestSignalSource source1, source2;
-  auto a = KyoEffect::effectWithProperties(effect->properties());
-  auto b = KyoEffect::effectWithProperties(effect->properties());
-  for (auto* e : {&a, &b}) {
-    ASSERT_TRUE(*e && attach(**e, 48000.0, 2, e == &a ? source1 : source2));
-    ASSERT_TRUE((*e)->setParameters());
+  TestSignalSource sources[2];
+  std::vector<float> outputs[2];
+  for (int i = 0; i < 2; ++i) {
+    auto fresh = KyoEffect::effectWithProperties(effect->properties());
+    ASSERT_TRUE(fresh && attach(*fresh, 48000.0, 2, sources[i]) && fresh->setParameters());
+    const Rendering rendering = renderCycles(*fresh, 2, 512, 1);
+    ASSERT_EQ(rendering.status, 0);
+    outputs[i] = rendering.samples;
   }
-  TestBufferList outA(2, 512), outB(2, 512);
-  ASSERT_EQ(a->render(&flags, nullptr, 0, 512, outA.list()), 0);
-  ASSERT_EQ(b->render(&flags, nullptr, 0, 512, outB.list()), 0);
-  for (uint32_t c = 0; c < 2; ++c) {
-    for (uint32_t f = 0; f < 512; ++f) ASSERT_EQ(outA.channel(c)[f], outB.channel(c)[f]) << c << ":" << f;
-  }
+  EXPECT_EQ(outputs[0], outputs[1]);
 }
 
 TEST(KyoEffect, TailTimeFollowsThePluginClass) {
   if (!haveMDAPlugins()) GTEST_SKIP() << "mda-lv2 is not installed";
-  struct Case {
+  const struct {
     const char* uri;
     bool rings;
-  } cases[] = {
-      {"http://drobilla.net/plugins/mda/Ambience", true},
-      {kMDADelayURI, true},
-      {kMDAOverdriveURI, false},
-      {kGainURI, false},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{kMDAAmbienceURI, true}, {kMDADelayURI, true}, {kMDAOverdriveURI, false}, {kGainURI, false}};
+  for (const auto& c : cases) {
     auto effect = effectWithURI(c.uri);
     ASSERT_TRUE(effect && effect->open()) << c.uri;
     EXPECT_EQ(effect->tailTime() > 0.5, c.rings) << c.uri;
@@ -384,12 +333,9 @@ TEST(KyoEffect, TheMenuGroupsEffectsByMakerAndScansOnce) {
   KyoEffectStorage storage;
   auto menu = KyoEffect::menuOfAllEffectsByManufacturer(&storage);
   ASSERT_TRUE(menu);
-  EXPECT_EQ(menu->title, "Effects");
-  EXPECT_EQ(menu->firstItem, "Add effect...");
   ASSERT_EQ(storage.size(), menu->submenus.size());
-  for (size_t i = 1; i < menu->submenus.size(); ++i) {
+  for (size_t i = 1; i < menu->submenus.size(); ++i)
     EXPECT_LE(strcasecmp(menu->submenus[i - 1].title.c_str(), menu->submenus[i].title.c_str()), 0);
-  }
   const KyoEffectMenu::Item* gain = nullptr;
   for (const auto& submenu : menu->submenus) {
     for (const auto& item : submenu.items) {
@@ -408,56 +354,39 @@ TEST(KyoEffect, TheMenuGroupsEffectsByMakerAndScansOnce) {
   ASSERT_EQ(again->submenus.size(), menu->submenus.size());
   for (size_t i = 0; i < menu->submenus.size(); ++i) {
     ASSERT_EQ(again->submenus[i].items.size(), menu->submenus[i].items.size());
-    for (size_t j = 0; j < menu->submenus[i].items.size(); ++j) {
+    for (size_t j = 0; j < menu->submenus[i].items.size(); ++j)
       EXPECT_EQ(again->submenus[i].items[j].effect, menu->submenus[i].items[j].effect);
-    }
   }
 }
 
 TEST(KyoEffect, TheMatrixMixerIsAnEffectWhoseLevelsTravelInItsSettings) {
-  // Opens and initializes the mixer with inputs in and outputs out.
-  auto ready = [](std::shared_ptr<KyoEffect> mixer, uint32_t inputs, uint32_t outputs) {
-    EXPECT_NE(mixer, nullptr);
-    if (!mixer || !mixer->open()) return std::shared_ptr<KyoEffect>();
-    EXPECT_TRUE(mixer->setInputStreamFormat(KyoAudioStreamDescription(48000.0, inputs)));
-    EXPECT_TRUE(mixer->setOutputStreamFormat(KyoAudioStreamDescription(48000.0, outputs)));
-    EXPECT_TRUE(mixer->initialize());
-    return mixer;
-  };
-  auto levelsOf = [](KyoEffect& mixer, size_t count) {
-    std::vector<float> levels(count, -1.0f);
-    uint32_t size = (uint32_t)(count * sizeof(float));
-    EXPECT_EQ(mixer.audioUnit()->getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0,
-                                             levels.data(), &size),
-              0);
-    return levels;
-  };
-
-  auto mixer = ready(KyoEffect::effectWithDescription(KyoAudioComponentDescription::appleMatrixMixer()), 2, 3);
+  auto mixer = readyMixer(KyoEffect::effectWithDescription(KyoAudioComponentDescription::appleMatrixMixer()), 2, 3);
   ASSERT_NE(mixer, nullptr);
   EXPECT_EQ(mixer->componentDescription().type(), kAudioUnitType_Mixer);
-  EXPECT_FALSE(mixer->manufacturer().empty());
-  EXPECT_FALSE(mixer->name().empty());
+  EXPECT_FALSE(mixer->manufacturer().empty() || mixer->name().empty());
   const size_t count = (2 + 1) * (3 + 1);
   std::vector<float> levels(count);
   for (size_t i = 0; i < count; ++i) levels[i] = 1.0f / (float)(i + 3);  // values that print with many digits
+  const uint32_t size = (uint32_t)(count * sizeof(float));
   ASSERT_EQ(mixer->audioUnit()->setProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0,
-                                            levels.data(), (uint32_t)(count * sizeof(float))),
+                                            levels.data(), size),
             0);
 
-  KyoEffectProperties properties = mixer->properties();
+  const KyoEffectProperties properties = mixer->properties();
   ASSERT_TRUE(properties.settings);
-  auto restored = ready(KyoEffect::effectWithProperties(properties), 2, 3);
-  ASSERT_NE(restored, nullptr);
-  ASSERT_TRUE(restored->setParameters());
-  EXPECT_EQ(levelsOf(*restored, count), levels);  // bit for bit
+  auto restored = readyMixer(KyoEffect::effectWithProperties(properties), 2, 3);
+  ASSERT_TRUE(restored && restored->setParameters());
+  std::vector<float> back(count, -1.0f);
+  uint32_t backSize = size;
+  EXPECT_EQ(restored->audioUnit()->getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0,
+                                               back.data(), &backSize),
+            0);
+  EXPECT_EQ(back, levels);  // bit for bit
 
   // Levels of another shape are refused, and the state waits for a mixer that fits.
   auto other = KyoEffect::effectWithProperties(properties);
-  ASSERT_NE(other, nullptr);
-  ASSERT_TRUE(other->open());
-  ASSERT_TRUE(other->setStreamFormat(KyoAudioStreamDescription(48000.0, 1)));
-  ASSERT_TRUE(other->initialize());
+  ASSERT_TRUE(other && other->open() && other->setStreamFormat(KyoAudioStreamDescription(48000.0, 1)) &&
+              other->initialize());
   LogCapture log;
   EXPECT_FALSE(other->setParameters());
   EXPECT_TRUE(other->state());
@@ -471,58 +400,43 @@ TEST(KyoEffect, EveryCataloguedPluginRunsWithoutAllocatingAndKeepsItsSettings) {
   // Every mda plugin and our fixture, and a fixed sample of the large LSP and x42
   // collections: all of them take minutes under the sanitizers.
   // SONTO_TEST_ALL_PLUGINS=1 runs the whole catalogue.
-  const bool everyPlugin = getenv("SONTO_TEST_ALL_PLUGINS") && std::string(getenv("SONTO_TEST_ALL_PLUGINS")) == "1";
-  std::sort(catalogue.begin(), catalogue.end(),
-            [](const auto& a, const auto& b) { return a.uri() < b.uri(); });
-  std::vector<KyoAudioComponentDescription> all;
+  const char* everyPlugin = getenv("SONTO_TEST_ALL_PLUGINS");
+  std::sort(catalogue.begin(), catalogue.end(), [](const auto& a, const auto& b) { return a.uri() < b.uri(); });
   size_t others = 0;
-  for (const auto& description : catalogue) {
+  for (const KyoAudioComponentDescription& description : catalogue) {
     const std::string& uri = description.uri();
     const bool small = uri.find("/plugins/mda/") != std::string::npos || uri.find("sonto") != std::string::npos;
-    if (everyPlugin || small || others++ % 25 == 0) all.push_back(description);
-  }
-  for (const KyoAudioComponentDescription& description : all) {
-    SCOPED_TRACE(description.uri());
+    if (!(everyPlugin && std::string(everyPlugin) == "1") && !small && others++ % 25 != 0) continue;
+    SCOPED_TRACE(uri);
     auto effect = KyoEffect::effectWithDescription(description);
-    ASSERT_NE(effect, nullptr);
-    ASSERT_TRUE(effect->open());
+    ASSERT_TRUE(effect && effect->open());
     // Stereo where the plugin takes it, else its own count.
     const uint32_t channels = effect->supportedInputChannels(2) == 2 && effect->supportedOutputChannels(2) == 2
                                   ? 2
                                   : std::max(1u, effect->supportedInputChannels(2));
     TestSignalSource source;
     if (!effect->setStreamFormat(KyoAudioStreamDescription(48000.0, channels))) continue;  // logged
-    ASSERT_TRUE(effect->setRenderCallback(source.renderInfo()));
-    ASSERT_TRUE(effect->initialize());
+    ASSERT_TRUE(effect->setRenderCallback(source.renderInfo()) && effect->initialize());
     for (const auto& [title, id] : effect->parameterMenu()) {
       const auto* lv2 = dynamic_cast<KyoLV2Unit*>(effect->audioUnit());
       const KyoLV2Port* port = lv2 ? lv2->parameter(id) : nullptr;
       if (port) effect->setValue(port->minimum + (port->maximum - port->minimum) * 0.375f, id);
     }
 
-    TestBufferList out(channels, 1024);
-    int32_t status = -1;
-    resetWatchedAllocations();
-    std::thread([&] {
-      ScopedAllocationWatch watch;
-      for (int cycle = 0; cycle < 4; ++cycle) {
-        uint32_t flags = 0;
-        status = effect->render(&flags, nullptr, 0, 256, out.list());
-      }
-    }).join();
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(watchedAllocations(), 0u);
+    const Rendering rendering = renderCycles(*effect, channels, 256, 4);
+    EXPECT_EQ(rendering.status, 0);
+    EXPECT_EQ(rendering.allocations, 0u);
     // mda Vocoder gives NaN from its first frame on some runs and not others, with the
-    // same host calls: memory of its own that it never clears.
-    const bool unsteady = description.uri() == "http://drobilla.net/plugins/mda/Vocoder";
-    for (uint32_t c = 0; c < channels && !unsteady; ++c) {
-      for (uint32_t f = 0; f < 256; ++f) ASSERT_TRUE(std::isfinite(out.channel(c)[f])) << c << ":" << f;
+    // same host calls: memory of its own that it never clears. The last cycle is checked.
+    if (uri != "http://drobilla.net/plugins/mda/Vocoder") {
+      const size_t lastCycle = rendering.samples.size() - channels * 256;
+      for (size_t i = lastCycle; i < rendering.samples.size(); ++i)
+        ASSERT_TRUE(std::isfinite(rendering.samples[i])) << i - lastCycle;
     }
 
     auto restored = reopened(effect->properties());
     ASSERT_NE(restored, nullptr);
-    for (const auto& [title, id] : effect->parameterMenu()) {
+    for (const auto& [title, id] : effect->parameterMenu())
       EXPECT_FLOAT_EQ(restored->valueForParameter(id), effect->valueForParameter(id)) << title;
-    }
   }
 }

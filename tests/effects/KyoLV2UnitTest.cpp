@@ -9,7 +9,6 @@
 
 #include "EffectTestSupport.h"
 #include "effects/KyoLV2World.h"
-#include "support/AllocationCounter.h"
 
 using namespace sonto::test;
 
@@ -32,8 +31,6 @@ TEST(KyoLV2World, CatalogueListsHostablePluginsAndSkipsOnesWithoutALibrary) {
   const KyoLV2CatalogueEntry* gain = world.catalogueEntry(kGainURI);
   ASSERT_NE(gain, nullptr);
   EXPECT_EQ(gain->type, kKyoEffectType);
-  EXPECT_EQ(gain->manufacturer, "Sonto Tests");
-  EXPECT_EQ(gain->name, "Test Gain");
   EXPECT_EQ(gain->componentName(), "Sonto Tests: Test Gain");
   EXPECT_EQ(world.catalogueEntry(kMissingBinaryURI), nullptr);
   EXPECT_EQ(world.catalogueEntry(kNeedyURI), nullptr);  // needs a feature this host lacks
@@ -70,22 +67,30 @@ TEST(KyoLV2Unit, PluginsThatCannotBeHostedAreRefusedWithALogLine) {
   }
 }
 
-TEST(KyoLV2Unit, GainIsExactAcrossBlockSplitsAndLatencyReadsBack) {
-  // Sizes around the maximum slice: the unit runs long calls in pieces and must
-  // neither skip nor repeat a frame at the seams.
-  const uint32_t frameCounts[] = {1, 63, 64, 65, 1000};
-  for (uint32_t frames : frameCounts) {
-    auto unit = gainUnit(48000.0, 1, 64);
+TEST(KyoLV2Unit, GainIsExactAcrossBlockSplitsChannelsAndBypass) {
+  // Sizes around the maximum slice: the unit runs long calls in pieces and must neither
+  // skip nor repeat a frame at the seams. A mono plugin runs one instance per channel,
+  // in place as in a chain; bypassed, the input passes untouched and adds no latency.
+  const struct {
+    uint32_t channels, maxFrames, frames;
+    bool inPlace, bypass;
+  } cases[] = {
+      {1, 64, 1, false, false},   {1, 64, 63, false, false},  {1, 64, 64, false, false}, {1, 64, 65, false, false},
+      {1, 64, 1000, false, false}, {2, 4096, 512, true, false}, {1, 4096, 100, false, true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.channels << " channels, " << c.frames << " frames, bypass " << c.bypass);
+    auto unit = gainUnit(48000.0, c.channels, c.maxFrames);
     ASSERT_NE(unit, nullptr);
-    EXPECT_DOUBLE_EQ(unit->latency(), kGainLatencyFrames / 48000.0);
+    EXPECT_EQ(unit->instanceCount(), c.channels);
     ASSERT_TRUE(unit->setParameterValue(kGainParameter, -6.0f));
-
-    TestBufferList in(1, frames), out(1, frames);
+    unit->setBypass(c.bypass);
+    EXPECT_DOUBLE_EQ(unit->latency(), c.bypass ? 0.0 : kGainLatencyFrames / 48000.0);
+    TestBufferList in(c.channels, c.frames), out(c.channels, c.frames);
     in.fillSignal();
-    unit->process(in.list(), out.list(), frames);
-    for (uint32_t f = 0; f < frames; ++f) {
-      ASSERT_FLOAT_EQ(out.channel(0)[f], in.channel(0)[f] * dbFactor(-6.0f)) << "frame " << f << " of " << frames;
-    }
+    TestBufferList& result = c.inPlace ? in : out;
+    unit->process(in.list(), result.list(), c.frames);
+    expectScaledSignal(result, 0, c.bypass ? 1.0f : dbFactor(-6.0f), c.bypass ? kExactly : 0.0f);
   }
 }
 
@@ -99,42 +104,24 @@ TEST(KyoLV2Unit, ParametersAreClampedAndUnknownOnesRefused) {
   EXPECT_FLOAT_EQ(gain->minimum, -90.0f);
   EXPECT_FLOAT_EQ(gain->maximum, 24.0f);
 
-  EXPECT_EQ(unit->setParameter(kGainParameter, kKyoAudioUnitScope_Global, 0, 100.0f), 0);
-  EXPECT_FLOAT_EQ(unit->parameterValue(kGainParameter), 24.0f);
-  EXPECT_EQ(unit->setParameter(kGainParameter, kKyoAudioUnitScope_Global, 0, -1000.0f), 0);
-  EXPECT_FLOAT_EQ(unit->parameterValue(kGainParameter), -90.0f);
-  EXPECT_EQ(unit->setParameter(kGainParameter, kKyoAudioUnitScope_Global, 0, NAN), kKyoAudioUnitErr_InvalidParameter);
-  EXPECT_EQ(unit->setParameter(1, kKyoAudioUnitScope_Global, 0, 1.0f), kKyoAudioUnitErr_InvalidParameter);
-  EXPECT_EQ(unit->setParameter(99, kKyoAudioUnitScope_Global, 0, 1.0f), kKyoAudioUnitErr_InvalidParameter);
-  EXPECT_EQ(unit->setParameter(kGainParameter, kKyoAudioUnitScope_Input, 0, 1.0f), kKyoAudioUnitErr_InvalidScope);
-}
-
-TEST(KyoLV2Unit, MonoPluginRunsOneInstancePerChannel) {
-  auto unit = gainUnit(48000.0, 2);
-  ASSERT_NE(unit, nullptr);
-  EXPECT_EQ(unit->instanceCount(), 2u);
-  unit->setParameterValue(kGainParameter, -12.0f);
-
-  TestBufferList io(2, 512);
-  io.fillSignal();
-  unit->process(io.list(), io.list(), 512);  // in place, as in a chain
-  for (uint32_t c = 0; c < 2; ++c) {
-    for (uint32_t f = 0; f < 512; ++f) {
-      ASSERT_FLOAT_EQ(io.channel(c)[f], testSignal(f, c) * dbFactor(-12.0f)) << "channel " << c << " frame " << f;
-    }
+  const struct {
+    uint32_t id;
+    KyoAudioUnitScope scope;
+    float value;
+    int32_t status;
+    float after;
+  } cases[] = {
+      {kGainParameter, kKyoAudioUnitScope_Global, 100.0f, 0, 24.0f},
+      {kGainParameter, kKyoAudioUnitScope_Global, -1000.0f, 0, -90.0f},
+      {kGainParameter, kKyoAudioUnitScope_Global, NAN, kKyoAudioUnitErr_InvalidParameter, -90.0f},
+      {1, kKyoAudioUnitScope_Global, 1.0f, kKyoAudioUnitErr_InvalidParameter, -90.0f},
+      {99, kKyoAudioUnitScope_Global, 1.0f, kKyoAudioUnitErr_InvalidParameter, -90.0f},
+      {kGainParameter, kKyoAudioUnitScope_Input, 1.0f, kKyoAudioUnitErr_InvalidScope, -90.0f},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(unit->setParameter(c.id, c.scope, 0, c.value), c.status) << c.id << " " << c.value;
+    EXPECT_FLOAT_EQ(unit->parameterValue(kGainParameter), c.after) << c.id << " " << c.value;
   }
-}
-
-TEST(KyoLV2Unit, BypassPassesTheInputThroughAndAddsNoLatency) {
-  auto unit = gainUnit(48000.0, 1);
-  ASSERT_NE(unit, nullptr);
-  unit->setParameterValue(kGainParameter, -20.0f);
-  unit->setBypass(true);
-  EXPECT_EQ(unit->latency(), 0.0);
-  TestBufferList in(1, 100), out(1, 100);
-  in.fillSignal();
-  unit->process(in.list(), out.list(), 100);
-  for (uint32_t f = 0; f < 100; ++f) ASSERT_EQ(out.channel(0)[f], in.channel(0)[f]);
 }
 
 TEST(KyoLV2Unit, FormatsOutsideThePluginAreRefused) {
@@ -184,8 +171,6 @@ TEST(KyoLV2Unit, StateAndPresetsRoundTrip) {
 
   const std::vector<KyoLV2Preset> presets = unit->factoryPresets();
   ASSERT_EQ(presets.size(), 2u);
-  EXPECT_EQ(presets[0].label, "Minus Six");
-  EXPECT_EQ(presets[1].label, "Plus Three");
   ASSERT_TRUE(unit->loadPreset(presets[1].uri));
   EXPECT_FLOAT_EQ(unit->parameterValue(kGainParameter), 3.0f);
   EXPECT_FALSE(unit->loadPreset("urn:sonto:test:no-such-preset"));
@@ -204,7 +189,7 @@ TEST(KyoLV2Unit, ReinitializingAtAnotherFormatKeepsTheSettings) {
   TestBufferList io(3, 32);
   io.fillSignal();
   unit->process(io.list(), io.list(), 32);
-  EXPECT_FLOAT_EQ(io.channel(2)[5], testSignal(5, 2) * dbFactor(-3.0f));
+  expectScaledSignal(io, 0, dbFactor(-3.0f));
 }
 
 TEST(KyoLV2Unit, ProcessAllocatesNothingOnTheRenderThread) {
@@ -212,15 +197,13 @@ TEST(KyoLV2Unit, ProcessAllocatesNothingOnTheRenderThread) {
   ASSERT_NE(unit, nullptr);
   TestBufferList io(2, 1000);
   io.fillSignal();
-  resetWatchedAllocations();
-  std::thread([&] {
-    ScopedAllocationWatch watch;
-    for (int cycle = 0; cycle < 50; ++cycle) {
-      unit->setParameterValue(kGainParameter, (float)(cycle % 10) - 5.0f);
-      unit->process(io.list(), io.list(), 1000);
-    }
-  }).join();
-  EXPECT_EQ(watchedAllocations(), 0u);
+  EXPECT_EQ(allocationsOnRenderThread([&] {
+              for (int cycle = 0; cycle < 50; ++cycle) {
+                unit->setParameterValue(kGainParameter, (float)(cycle % 10) - 5.0f);
+                unit->process(io.list(), io.list(), 1000);
+              }
+            }),
+            0u);
 }
 
 TEST(KyoLV2Unit, RealPluginsRunWithoutAllocatingAndKeepTheirState) {
@@ -237,12 +220,7 @@ TEST(KyoLV2Unit, RealPluginsRunWithoutAllocatingAndKeepTheirState) {
 
     TestBufferList io(2, 4096);
     io.fillSignal();
-    resetWatchedAllocations();
-    std::thread([&] {
-      ScopedAllocationWatch watch;
-      unit->process(io.list(), io.list(), 4096);
-    }).join();
-    EXPECT_EQ(watchedAllocations(), 0u) << uri;
+    EXPECT_EQ(allocationsOnRenderThread([&] { unit->process(io.list(), io.list(), 4096); }), 0u) << uri;
     for (uint32_t f = 0; f < 4096; ++f) ASSERT_TRUE(std::isfinite(io.channel(0)[f])) << uri;
 
     auto copy = KyoLV2Unit::create(uri);

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
-#include <algorithm>
-#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -168,11 +168,9 @@ TEST(KyoLV2Worker, WorkRunsOffTheRenderThreadAndRepliesArriveOnlyAtTheNextRunInO
   EXPECT_EQ(countBefore, 0u);  // replies wait for a run
   ASSERT_EQ(plugin.responseCount, 3u);
   for (uint8_t i = 0; i < 3; ++i) {
-    const uint8_t r = uint8_t(i + 1);
     ASSERT_EQ(plugin.responseSizes[i], 3u);
-    EXPECT_EQ(plugin.responses[i][0], r + 2);
-    EXPECT_EQ(plugin.responses[i][1], r + 1);
-    EXPECT_EQ(plugin.responses[i][2], r);
+    EXPECT_EQ(std::vector<uint8_t>(plugin.responses[i], plugin.responses[i] + 3),
+              (std::vector<uint8_t>{uint8_t(i + 3), uint8_t(i + 2), uint8_t(i + 1)}));
   }
 }
 

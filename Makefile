@@ -1,5 +1,5 @@
 # Two commands for a fresh Debian 12 machine:
-#   make run    installs what is needed, builds and starts Sonto
+#   make run    installs what is needed, builds and starts Sonto on the demo show
 #   make test   installs, builds and runs every test (plain, ThreadSanitizer, ASan+UBSan)
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
@@ -19,8 +19,12 @@ build/build.ninja:
 build: deps build/build.ninja
 	cmake --build build -j $(JOBS)
 
+# The demo show that the build makes, unless ARGS names shows of your own.
+DEMO_SHOW := build/demo/Demo.sonto
 run: build
-	./build/sonto $(ARGS)
+	@if [ -z "$$DISPLAY" ] && [ -z "$$WAYLAND_DISPLAY" ] && [ -z "$$QT_QPA_PLATFORM" ]; then \
+	  echo "make run: no display (DISPLAY and WAYLAND_DISPLAY are unset); run it in a desktop session" >&2; exit 1; fi
+	./build/sonto $(if $(ARGS),$(ARGS),$(DEMO_SHOW))
 
 test: deps
 	@bash scripts/test-all.sh

@@ -2,15 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include "support/EncodedFiles.h"
+
+using sonto::test::ListHolder;
 
 namespace {
-
-using ListPtr = std::unique_ptr<AudioBufferList, decltype(&KyoAudioBufferListFree)>;
-
-ListPtr makeList(uint32_t channels, uint32_t frames, bool interleaved) {
-  return ListPtr(KyoAudioBufferListCreate(channels, frames, interleaved), KyoAudioBufferListFree);
-}
 
 // Every sample of buffer b gets a value that names its buffer and position.
 void number(AudioBufferList* list) {
@@ -33,12 +29,12 @@ TEST(KyoAudioBufferList, CreateMakesZeroedBuffersOfEitherLayout) {
   };
   for (Case c : {Case{1, 10, false, 1, 1}, Case{3, 10, false, 3, 1}, Case{3, 10, true, 1, 3}, Case{8, 1, true, 1, 8}}) {
     SCOPED_TRACE(testing::Message() << c.channels << (c.interleaved ? " interleaved" : " planar"));
-    auto list = makeList(c.channels, c.frames, c.interleaved);
-    ASSERT_TRUE(list);
-    ASSERT_EQ(list->mNumberBuffers, c.buffers);
+    ListHolder list(c.channels, c.frames, c.interleaved);
+    ASSERT_TRUE(list.get());
+    ASSERT_EQ(list.get()->mNumberBuffers, c.buffers);
     for (uint32_t b = 0; b < c.buffers; ++b) {
-      EXPECT_EQ(list->mBuffers[b].mNumberChannels, c.perBuffer);
-      EXPECT_EQ(list->mBuffers[b].mDataByteSize, c.frames * c.perBuffer * 4);
+      EXPECT_EQ(list.get()->mBuffers[b].mNumberChannels, c.perBuffer);
+      EXPECT_EQ(list.get()->mBuffers[b].mDataByteSize, c.frames * c.perBuffer * 4);
       for (uint32_t i = 0; i < c.frames * c.perBuffer; ++i) ASSERT_EQ(at(list.get(), b, i), 0.0f);
     }
     EXPECT_EQ(KyoAudioBufferListFrameCapacity(list.get()), c.frames);
@@ -49,10 +45,10 @@ TEST(KyoAudioBufferList, CreateMakesZeroedBuffersOfEitherLayout) {
 }
 
 TEST(KyoAudioBufferList, LayoutComparesBufferCountAndChannelsOnly) {
-  auto a = makeList(2, 10, false);
-  auto b = makeList(2, 99, false);
-  auto c = makeList(2, 10, true);
-  auto d = makeList(1, 10, false);
+  ListHolder a(2, 10, false);
+  ListHolder b(2, 99, false);
+  ListHolder c(2, 10, true);
+  ListHolder d(1, 10, false);
   EXPECT_TRUE(KyoAudioBufferListHasSameLayout(a.get(), b.get()));
   EXPECT_FALSE(KyoAudioBufferListHasSameLayout(a.get(), c.get()));
   EXPECT_FALSE(KyoAudioBufferListHasSameLayout(a.get(), d.get()));
@@ -68,8 +64,8 @@ TEST(KyoAudioBufferList, CopyTakesTheSmallestOfRequestAndWhatIsLeftOnEachSide) {
   for (Case c : {Case{0, 0, 4, 4}, Case{0, 0, 50, 6}, Case{7, 0, 50, 3}, Case{2, 5, 50, 1}, Case{10, 0, 5, 0},
                  Case{0, 6, 5, 0}, Case{11, 0, 5, 0}, Case{0, 7, 5, 0}, Case{3, 2, 0, 0}}) {
     SCOPED_TRACE(testing::Message() << c.sourceOffset << "," << c.destinationOffset << "," << c.frames);
-    auto source = makeList(2, 10, true);
-    auto destination = makeList(2, 6, true);
+    ListHolder source(2, 10, true);
+    ListHolder destination(2, 6, true);
     number(source.get());
     EXPECT_EQ(KyoAudioBufferListCopy(source.get(), c.sourceOffset, destination.get(), c.destinationOffset, c.frames),
               c.expected);
@@ -83,15 +79,15 @@ TEST(KyoAudioBufferList, CopyTakesTheSmallestOfRequestAndWhatIsLeftOnEachSide) {
 }
 
 TEST(KyoAudioBufferList, CopyRefusesOtherLayoutsAndNullLists) {
-  auto planar = makeList(2, 8, false);
-  auto interleaved = makeList(2, 8, true);
+  ListHolder planar(2, 8, false);
+  ListHolder interleaved(2, 8, true);
   number(planar.get());
   EXPECT_EQ(KyoAudioBufferListCopy(planar.get(), 0, interleaved.get(), 0, 8), 0u);
   EXPECT_EQ(at(interleaved.get(), 0, 0), 0.0f);
   EXPECT_EQ(KyoAudioBufferListCopy(nullptr, 0, planar.get(), 0, 8), 0u);
   EXPECT_EQ(KyoAudioBufferListCopy(planar.get(), 0, nullptr, 0, 8), 0u);
   // Planar buffers are copied each into its own.
-  auto other = makeList(2, 8, false);
+  ListHolder other(2, 8, false);
   EXPECT_EQ(KyoAudioBufferListCopy(planar.get(), 1, other.get(), 0, 8), 7u);
   EXPECT_EQ(at(other.get(), 0, 0), 1001.0f);
   EXPECT_EQ(at(other.get(), 1, 6), 2007.0f);
@@ -103,7 +99,7 @@ TEST(KyoAudioBufferList, SilenceZeroesOnlyTheRangeThatFits) {
   };
   for (Case c : {Case{0, 3, 3}, Case{2, 100, 6}, Case{8, 5, 0}, Case{9, 5, 0}, Case{4, 0, 0}}) {
     SCOPED_TRACE(testing::Message() << c.offset << "," << c.frames);
-    auto list = makeList(3, 8, false);
+    ListHolder list(3, 8, false);
     number(list.get());
     EXPECT_EQ(KyoAudioBufferListSilence(list.get(), c.offset, c.frames), c.expected);
     for (uint32_t b = 0; b < 3; ++b)
@@ -116,12 +112,12 @@ TEST(KyoAudioBufferList, SilenceZeroesOnlyTheRangeThatFits) {
 }
 
 TEST(KyoAudioBufferList, ResetSizesUndoesADecoderShrinkingTheBuffers) {
-  auto list = makeList(4, 32, true);
-  list->mBuffers[0].mDataByteSize = 4 * 4 * 5;  // a decoder delivered 5 frames
+  ListHolder list(4, 32, true);
+  list.get()->mBuffers[0].mDataByteSize = 4 * 4 * 5;  // a decoder delivered 5 frames
   EXPECT_EQ(KyoAudioBufferListFrameCapacity(list.get()), 5u);
   KyoAudioBufferListResetSizes(list.get(), 32);
   EXPECT_EQ(KyoAudioBufferListFrameCapacity(list.get()), 32u);
-  EXPECT_EQ(list->mBuffers[0].mDataByteSize, 32u * 4 * 4);
+  EXPECT_EQ(list.get()->mBuffers[0].mDataByteSize, 32u * 4 * 4);
   KyoAudioBufferListResetSizes(nullptr, 32);
   EXPECT_EQ(KyoAudioBufferListFrameCapacity(nullptr), 0u);
   EXPECT_EQ(KyoAudioBufferListChannelCount(nullptr), 0u);

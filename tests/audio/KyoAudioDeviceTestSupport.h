@@ -3,7 +3,11 @@
 // logical channels of its bus, starts and stops through the action queue, and marks
 // the channels it leaves silent, as a source's own mixer does.
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cmath>
 #include <memory>
 #include <string>
@@ -94,6 +98,14 @@ class TestSource : public KyoAudioAttachable {
   std::atomic<uint64_t> m_renders{0};
   uint64_t m_position = 0;  // render thread only
 };
+
+// True when samples [from, to) all equal value; else which one does not.
+inline ::testing::AssertionResult allEqual(const std::vector<float>& samples, float value, size_t from = 0,
+                                           size_t to = SIZE_MAX) {
+  for (size_t i = from; i < std::min(to, samples.size()); ++i)
+    if (samples[i] != value) return ::testing::AssertionFailure() << "frame " << i << " is " << samples[i];
+  return ::testing::AssertionSuccess();
+}
 
 // An offline device of the layer, with its KyoAudioDevice, destroyed with the fixture.
 struct OfflineDevice {

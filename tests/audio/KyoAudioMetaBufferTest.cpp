@@ -10,17 +10,16 @@
 #include <atomic>
 #include <cmath>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "FillGate.h"
 #include "audio/KyoAudioFile.h"
 #include "audio/KyoAudioMetaBuffer.h"
 #include "foundation/KyoClock.h"
-#include "foundation/KyoLog.h"
 #include "support/AllocationCounter.h"
-#include "FillGate.h"
+#include "support/EncodedFiles.h"
 #include "support/TestFiles.h"
 #include "support/Waiting.h"
 
@@ -28,19 +27,12 @@ using namespace sonto::test;
 
 namespace {
 
-using sonto::test::eventually;
-using sonto::test::LogCapture;
-
 constexpr double kRate = 44100;
 constexpr uint32_t kChannels = 2;
-using Channels = std::vector<std::vector<float>>;
 
-struct ListDeleter {
-  void operator()(AudioBufferList* list) const { KyoAudioBufferListFree(list); }
+struct List : ListHolder {
+  explicit List(uint32_t frames) : ListHolder(kChannels, frames, false) {}
 };
-using ListPtr = std::unique_ptr<AudioBufferList, ListDeleter>;
-ListPtr makeList(uint32_t frames) { return ListPtr(KyoAudioBufferListCreate(kChannels, frames, false)); }
-float* channelOf(const ListPtr& list, uint32_t c) { return KyoAudioBufferListChannel(list.get(), c); }
 
 // ---------------------------------------------------------------------------
 // Files and the reference of what they hold
@@ -55,15 +47,22 @@ std::shared_ptr<KyoAlias> rampFile(const std::string& name, int format, int64_t 
 Channels straightRead(const std::shared_ptr<KyoAlias>& alias) {
   KyoAudioFile file(alias);
   file.setReadFormat(KyoAudioStreamDescription(kRate, kChannels));
-  Channels out(kChannels);
-  auto list = makeList(4096);
-  for (;;) {
-    KyoAudioBufferListResetSizes(list.get(), 4096);
-    uint32_t got = file.readFrames(4096, list.get(), 0);
-    if (got == 0) break;
-    for (uint32_t c = 0; c < kChannels; ++c) out[c].insert(out[c].end(), channelOf(list, c), channelOf(list, c) + got);
+  return readAll(file, kChannels, 4096);
+}
+
+// Reads once the streams can deliver the whole request; answers the frames read.
+uint32_t readWhenReady(KyoAudioMetaBuffer& player, List& list, uint32_t frames) {
+  if (!eventually([&] { return player.isReadyToRead(frames); })) {
+    ADD_FAILURE() << "never ready to read " << frames << " frames";
+    return 0;
   }
-  return out;
+  return player.readFrames(frames, list.get(), 0);
+}
+
+std::shared_ptr<KyoAudioMetaBuffer> makePlayer(const std::shared_ptr<KyoAlias>& alias) {
+  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  EXPECT_TRUE(player);
+  return player;
 }
 
 Channels rampReference(int64_t frames) {
@@ -165,14 +164,14 @@ const std::vector<Scenario>& scenarios() {
 // than a loop) must be silence: no stream stands there yet.
 void playAndCompare(const std::shared_ptr<KyoAlias>& alias, const Channels& reference, const Scenario& scenario,
                     uint32_t request) {
-  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  auto player = makePlayer(alias);
   ASSERT_TRUE(player);
   player->setSlices(describe(scenario.pieces));
   ASSERT_EQ(player->slices().size(), scenario.pieces.size());
   player->goToTime(0);
   PlaylistModel model(scenario.pieces);
 
-  auto list = makeList(request);
+  List list(request);
   size_t nextEvent = 0;
   int64_t output = 0;
   int trailing = 0;  // requests read after the model went silent
@@ -194,21 +193,17 @@ void playAndCompare(const std::shared_ptr<KyoAlias>& alias, const Channels& refe
     int wraps = 0;
     for (uint32_t i = 0; i < request; ++i) {
       bool wrapped = false;
-      int64_t frame = wraps >= 2 ? -1 : model.next(wrapped);
-      if (wraps >= 2) {
-        // The player's position still moves on; the model follows without a sound.
-        bool ignored = false;
-        model.next(ignored);
-      }
+      const int64_t next = model.next(wrapped);
+      const int64_t frame = wraps >= 2 ? -1 : next;  // the position moves on without a sound
       for (uint32_t c = 0; c < kChannels; ++c) {
         float expected = frame < 0 ? 0.0f : reference[c][size_t(frame)];
-        float got = channelOf(list, c)[i];
+        float got = list.channel(c)[i];
         if (got != expected && mismatches++ == 0)
-          firstMismatch = "output frame " + std::to_string(output + i) + " channel " + std::to_string(c) +
-                          ": expected file frame " + std::to_string(frame) + " (" + std::to_string(expected) +
-                          "), got " + std::to_string(got);
+          firstMismatch = (testing::Message() << "output frame " << output + i << " channel " << c
+                                              << ": expected file frame " << frame << " (" << expected << "), got "
+                                              << got).GetString();
       }
-      if (wrapped) ++wraps;
+      wraps += wrapped;
     }
     output += request;
     if (model.isOver()) ++trailing;
@@ -258,11 +253,11 @@ TEST(KyoAudioMetaBufferTest, CreationRefusesWhatCannotPlay) {
   std::string junkPath = temporaryPath("create-junk.wav");
   std::ofstream(junkPath) << "RIFF but not really";
   KyoAudioStreamDescription format(kRate, kChannels);
-  EXPECT_EQ(KyoAudioMetaBuffer::create(nullptr, format), nullptr);
   EXPECT_EQ(KyoAudioMetaBuffer::create(alias, std::nullopt), nullptr);
   EXPECT_EQ(KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(0, kChannels)), nullptr);
-  EXPECT_EQ(KyoAudioMetaBuffer::create(KyoAlias::aliasWithPath(junkPath), format), nullptr);
-  EXPECT_EQ(KyoAudioMetaBuffer::create(KyoAlias::aliasWithPath(temporaryPath("absent.wav")), format), nullptr);
+  for (auto bad : {std::shared_ptr<KyoAlias>(), KyoAlias::aliasWithPath(junkPath),
+                   KyoAlias::aliasWithPath(temporaryPath("absent.wav"))})
+    EXPECT_EQ(KyoAudioMetaBuffer::create(bad, format), nullptr);
 
   auto player = KyoAudioMetaBuffer::create(alias, format);
   ASSERT_TRUE(player);
@@ -278,7 +273,7 @@ TEST(KyoAudioMetaBufferTest, CreationRefusesWhatCannotPlay) {
 
 TEST(KyoAudioMetaBufferTest, InvalidSliceListsLeaveThePlaylistAlone) {
   auto alias = rampFile("slices.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 88200);  // 2 s
-  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  auto player = makePlayer(alias);
   ASSERT_TRUE(player);
   const std::vector<KyoSliceDescription> good = {{0.5, 1.0, 2}, {1.0, 1.5, -1}};
   player->setSlices(good);
@@ -334,28 +329,20 @@ TEST(KyoAudioMetaBufferTest, InvalidSliceListsLeaveThePlaylistAlone) {
 // Seeks replay the playlist in arithmetic, exactly, up to positions no show reaches.
 TEST(KyoAudioMetaBufferTest, SeekPositionsAreExactForHugeValues) {
   auto alias = rampFile("seek.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 88200);
-  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  auto player = makePlayer(alias);
   ASSERT_TRUE(player);
   // 4500 frames once, 4999 frames for ever (frames 4500 to 9499).
   player->setSlices(describe({{0, 4500, 1}, {4500, 9499, -1}}));
 
-  struct Case {
-    int64_t seekFrames;
-    int64_t expectedFrame;
+  struct Seek {
+    int64_t seekFrames, expectedFrame;
   };
   const int64_t loop = 4999;
   const int64_t huge = int64_t(1) << 50;  // frames; the seconds stay exact in a double
-  const Case cases[] = {
-      {0, 0},
-      {4409, 4409},
-      {4499, 4499},
-      {4500, 4500},
-      {4500 + loop - 1, 4500 + loop - 1},
-      {4500 + loop, 4500},
-      {4500 + 7 * loop + 123, 4500 + 123},
-      {huge, 4500 + (huge - 4500) % loop},
-  };
-  for (const Case& c : cases) {
+  const Seek cases[] = {{0, 0},           {4409, 4409},           {4499, 4499},
+                        {4500, 4500},     {4500 + loop - 1, 4500 + loop - 1},
+                        {4500 + loop, 4500}, {4500 + 7 * loop + 123, 4500 + 123}, {huge, 4500 + (huge - 4500) % loop}};
+  for (const Seek& c : cases) {
     SCOPED_TRACE(c.seekFrames);
     player->goToTime(double(c.seekFrames) / kRate);
     EXPECT_EQ(int64_t(player->currentFileTime() * kRate + 0.5), c.expectedFrame);
@@ -368,13 +355,8 @@ TEST(KyoAudioMetaBufferTest, SeekPositionsAreExactForHugeValues) {
   // Counted slices run out; a seek past the playing length lands on the last end.
   player->setSlices(describe({{0, 4500, 1}, {4500, 9499, 3}, {9499, 14090, 2}}));
   const int64_t played = 4500 + 3 * loop + 2 * 4591;
-  struct Counted {
-    int64_t seekFrames;
-    int64_t expectedFrame;
-  };
-  for (Counted c :
-       {Counted{4500 + 2 * loop + 7, 4507}, Counted{4500 + 3 * loop, 9499}, Counted{4500 + 3 * loop + 4591 + 10, 9509},
-        Counted{played - 1, 14089}, Counted{played, 14090}, Counted{huge, 14090}}) {
+  for (Seek c : {Seek{4500 + 2 * loop + 7, 4507}, Seek{4500 + 3 * loop, 9499}, Seek{4500 + 3 * loop + 4591 + 10, 9509},
+                 Seek{played - 1, 14089}, Seek{played, 14090}, Seek{huge, 14090}}) {
     SCOPED_TRACE(c.seekFrames);
     player->goToTime(double(c.seekFrames) / kRate);
     EXPECT_EQ(int64_t(player->currentFileTime() * kRate + 0.5), c.expectedFrame);
@@ -387,29 +369,25 @@ TEST(KyoAudioMetaBufferTest, SeekPositionsAreExactForHugeValues) {
 // the end only on the read after, and the play time runs on while the file time stays.
 TEST(KyoAudioMetaBufferTest, PlayOnceFinishesOnTheReadAfterTheLastFrame) {
   auto alias = rampFile("once.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 30000);
-  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  auto player = makePlayer(alias);
   ASSERT_TRUE(player);
   player->setSlices(describe({{1000, 10001, 1}}));
   player->goToTime(0);
-  auto list = makeList(1000);
-  for (int64_t done = 0; done < 9000; done += 1000) {
-    ASSERT_TRUE(eventually([&] { return player->isReadyToRead(1000); }));
-    player->readFrames(1000, list.get(), 0);
-  }
-  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(1000); }));
-  EXPECT_EQ(player->readFrames(1000, list.get(), 0), 1000u);
-  EXPECT_EQ(channelOf(list, 1)[0], rampSample(10000, 1));
-  EXPECT_EQ(channelOf(list, 1)[1], 0.0f);
-  EXPECT_EQ(channelOf(list, 0)[999], 0.0f);
+  List list(1000);
+  for (int64_t done = 0; done < 9000; done += 1000) ASSERT_EQ(readWhenReady(*player, list, 1000), 1000u);
+  EXPECT_EQ(readWhenReady(*player, list, 1000), 1000u);
+  EXPECT_EQ(list.channel(1)[0], rampSample(10000, 1));
+  EXPECT_EQ(list.channel(1)[1], 0.0f);
+  EXPECT_EQ(list.channel(0)[999], 0.0f);
   EXPECT_FALSE(player->isFinished());
   EXPECT_DOUBLE_EQ(player->timeUntilLoop(), 0.0);
 
   double before = KyoWallClockSeconds();
-  std::fill_n(channelOf(list, 0), 1000, 1.0f);
+  std::fill_n(list.channel(0), 1000, 1.0f);
   EXPECT_EQ(player->readFrames(1000, list.get(), 0), 1000u);
   EXPECT_TRUE(player->isFinished());
   EXPECT_GE(player->approximateTimeOfFinish(), before);
-  EXPECT_EQ(channelOf(list, 0)[500], 0.0f);
+  EXPECT_EQ(list.channel(0)[500], 0.0f);
   player->readFrames(1000, list.get(), 0);
   EXPECT_DOUBLE_EQ(player->elapsedPlayTime(), 12000 / kRate);
   EXPECT_DOUBLE_EQ(player->currentFileTime(), 10001 / kRate);
@@ -418,9 +396,8 @@ TEST(KyoAudioMetaBufferTest, PlayOnceFinishesOnTheReadAfterTheLastFrame) {
   player->goToTime(0.01);
   EXPECT_FALSE(player->isFinished());
   EXPECT_DOUBLE_EQ(player->currentFileTime(), 1441 / kRate);
-  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(1000); }));
-  player->readFrames(1000, list.get(), 0);
-  EXPECT_EQ(channelOf(list, 0)[0], rampSample(1441, 0));
+  ASSERT_EQ(readWhenReady(*player, list, 1000), 1000u);
+  EXPECT_EQ(list.channel(0)[0], rampSample(1441, 0));
   player->killWorker();
 }
 
@@ -452,14 +429,14 @@ TEST(KyoAudioMetaBufferTest, DropOutsKeepTheTimeLineAndAreReportedOnceASecond) {
   ClockInstallation installed(clock);
   LogCapture log;
   FillGate gate;
-  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  auto player = makePlayer(alias);
   ASSERT_TRUE(player);
   auto reports = [&] { return log.matching("Warning: dropped"); };
-  auto list = makeList(700);
+  List list(700);
   auto readSilence = [&] {
-    std::fill_n(channelOf(list, 0), 700, 1.0f);
+    std::fill_n(list.channel(0), 700, 1.0f);
     EXPECT_EQ(player->readFrames(700, list.get(), 0), 700u);
-    EXPECT_EQ(*std::max_element(channelOf(list, 0), channelOf(list, 0) + 700), 0.0f);
+    EXPECT_EQ(*std::max_element(list.channel(0), list.channel(0) + 700), 0.0f);
   };
 
   readSilence();  // no report came before, so this one is reported at once
@@ -474,13 +451,10 @@ TEST(KyoAudioMetaBufferTest, DropOutsKeepTheTimeLineAndAreReportedOnceASecond) {
   readSilence();  // owed, not reported within the second
 
   gate.open();
-  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(441); }));
-  auto small = makeList(441);
-  EXPECT_EQ(player->readFrames(441, small.get(), 0), 441u);
-  for (uint32_t i = 0; i < 441; ++i) {
-    ASSERT_EQ(channelOf(small, 0)[i], rampSample(6 * 700 + i, 0)) << i;
-    ASSERT_EQ(channelOf(small, 1)[i], rampSample(6 * 700 + i, 1)) << i;
-  }
+  List small(441);
+  EXPECT_EQ(readWhenReady(*player, small, 441), 441u);
+  for (uint32_t c = 0; c < kChannels; ++c)
+    for (uint32_t i = 0; i < 441; ++i) ASSERT_EQ(small.channel(c)[i], rampSample(6 * 700 + i, c)) << i;
   const std::string file = " : " + alias->description();
   ASSERT_EQ(reports().size(), 2u);
   EXPECT_EQ(reports()[0], "Warning: dropped 700 frames (0.02 seconds of audio)" + file);
@@ -489,9 +463,8 @@ TEST(KyoAudioMetaBufferTest, DropOutsKeepTheTimeLineAndAreReportedOnceASecond) {
   // A seek zeroes the 700 frames still owed and restarts the window.
   player->goToTime(0.2);
   clock->advance(5);
-  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(441); }));
-  player->readFrames(441, small.get(), 0);
-  EXPECT_EQ(channelOf(small, 0)[0], rampSample(8820, 0));
+  ASSERT_EQ(readWhenReady(*player, small, 441), 441u);
+  EXPECT_EQ(small.channel(0)[0], rampSample(8820, 0));
   player->killWorker();
   player.reset();
   EXPECT_EQ(reports().size(), 2u);
@@ -504,12 +477,12 @@ TEST(KyoAudioMetaBufferTest, ControlThreadsNeverHoldTheRenderThreadForADiskRead)
   FillGate gate(true);
   for (int kind = 0; kind < 2; ++kind) {
     SCOPED_TRACE(kind == 0 ? "goToTime" : "setSlices");
-    auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+    auto player = makePlayer(alias);
     ASSERT_TRUE(player);
     ASSERT_TRUE(eventually([&] { return player->isReadyToPlay(); }));
     // Take the ring below half: its fill thread wakes and is held in its next read.
     gate.close();
-    auto list = makeList(11100);
+    List list(11100);
     player->readFrames(11100, list.get(), 0);
     ASSERT_TRUE(eventually([&] { return gate.waiting() == 1; }));
 
@@ -523,11 +496,10 @@ TEST(KyoAudioMetaBufferTest, ControlThreadsNeverHoldTheRenderThreadForADiskRead)
     });
     // The replacement streams are built only once the control thread has let go of
     // the player; their fill threads then wait in the gate beside the stuck one.
-    bool rebuilt = eventually([&] { return gate.waiting() >= 2; });
-    EXPECT_TRUE(rebuilt);
+    EXPECT_TRUE(eventually([&] { return gate.waiting() >= 2; }));
     std::atomic<bool> readDone{false};
     std::thread render([&] {
-      auto small = makeList(256);
+      List small(256);
       player->readFrames(256, small.get(), 0);
       readDone = true;
     });
@@ -550,7 +522,7 @@ TEST(KyoAudioMetaBufferTest, ControlThreadsNeverHoldTheRenderThreadForADiskRead)
 // reader, and the player still plays exactly afterwards.
 TEST(KyoAudioMetaBufferTest, RenderAndControlThreadsTogether) {
   auto alias = rampFile("threads.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 60000);
-  auto player = KyoAudioMetaBuffer::create(alias, KyoAudioStreamDescription(kRate, kChannels));
+  auto player = makePlayer(alias);
   ASSERT_TRUE(player);
   KyoReadFramesInfo info;
   player->registerReadFramesInfo(&info);
@@ -563,7 +535,7 @@ TEST(KyoAudioMetaBufferTest, RenderAndControlThreadsTogether) {
   std::atomic<uint64_t> reads{0};
   std::atomic<uint64_t> allocations{0};
   std::thread render([&] {
-    auto list = makeList(256);
+    List list(256);
     // One read before watching: first-touch work of the thread is not the normal path.
     info.method(info.target, 256, list.get(), 0);
     resetWatchedAllocations();
@@ -581,25 +553,11 @@ TEST(KyoAudioMetaBufferTest, RenderAndControlThreadsTogether) {
   });
 
   for (int round = 0; round < 40; ++round) {
-    switch (round % 5) {
-      case 0:
-        player->goToTime(0.05 * (round % 7));
-        break;
-      case 1:
-        player->devamp();
-        break;
-      case 2:
-        player->setSlices(round % 2 ? looped : describe({{2000, 12000, 3}}));
-        break;
-      case 3:
-        player->goToTime(0);
-        break;
-      case 4:
-        (void)player->timeUntilLoop();
-        (void)player->elapsedLogicalTime();
-        (void)player->isReadyToPlay();
-        break;
-    }
+    const int step = round % 5;
+    if (step == 0 || step == 3) player->goToTime(step == 0 ? 0.05 * (round % 7) : 0.0);
+    if (step == 1) player->devamp();
+    if (step == 2) player->setSlices(round % 2 ? looped : describe({{2000, 12000, 3}}));
+    if (step == 4) (void)(player->timeUntilLoop() + player->elapsedLogicalTime() + player->isReadyToPlay());
     uint64_t seen = reads.load();
     ASSERT_TRUE(eventually([&] { return reads.load() >= seen + 3; }));
   }
@@ -610,12 +568,11 @@ TEST(KyoAudioMetaBufferTest, RenderAndControlThreadsTogether) {
   // Still exact after all that.
   player->setSlices(looped);
   player->goToTime(12000 / kRate);  // 2002 frames into the second pass of the loop
-  ASSERT_TRUE(eventually([&] { return player->isReadyToRead(4000); }));
-  auto list = makeList(4000);
-  player->readFrames(4000, list.get(), 0);
+  List list(4000);
+  ASSERT_EQ(readWhenReady(*player, list, 4000), 4000u);
   for (uint32_t i = 0; i < 4000; ++i) {
     int64_t frame = 5003 + (2002 + i) % 4995;  // wraps at 9998
-    ASSERT_EQ(channelOf(list, 0)[i], rampSample(frame, 0)) << i;
+    ASSERT_EQ(list.channel(0)[i], rampSample(frame, 0)) << i;
   }
   player->killWorker();
 }

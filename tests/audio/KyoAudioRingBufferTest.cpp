@@ -6,14 +6,14 @@
 #include <thread>
 #include <vector>
 
+#include "support/EncodedFiles.h"
+
+using sonto::test::ListHolder;
+
 namespace {
 
-using ListPtr = std::unique_ptr<AudioBufferList, decltype(&KyoAudioBufferListFree)>;
 using RingPtr = std::unique_ptr<KyoAudioRingBuffer, decltype(&KyoAudioRingBufferFree)>;
 
-ListPtr makeList(uint32_t channels, uint32_t frames, bool interleaved) {
-  return ListPtr(KyoAudioBufferListCreate(channels, frames, interleaved), KyoAudioBufferListFree);
-}
 RingPtr makeRing(uint32_t channels, uint32_t frames, bool interleaved) {
   return RingPtr(KyoAudioRingBufferCreate(channels, frames, interleaved), KyoAudioRingBufferFree);
 }
@@ -60,7 +60,7 @@ TEST_P(RingLayout, HoldsExactlyItsCapacityAndNoMore) {
     EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), 0u);
     EXPECT_EQ(KyoAudioRingBufferSpace(ring.get()), capacity);
 
-    auto in = makeList(channels, capacity + 5, interleaved);
+    ListHolder in(channels, capacity + 5, interleaved);
     fill(in.get(), channels, 0, capacity + 5, 0);
     EXPECT_EQ(KyoAudioRingBufferWrite(ring.get(), in.get(), 0, capacity + 5), capacity);
     EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), capacity);
@@ -68,7 +68,7 @@ TEST_P(RingLayout, HoldsExactlyItsCapacityAndNoMore) {
     // The spare slot is never filled.
     EXPECT_EQ(KyoAudioRingBufferWrite(ring.get(), in.get(), 0, 1), 0u);
 
-    auto out = makeList(channels, capacity + 5, interleaved);
+    ListHolder out(channels, capacity + 5, interleaved);
     EXPECT_EQ(KyoAudioRingBufferRead(ring.get(), out.get(), 0, capacity + 5), capacity);
     EXPECT_EQ(firstMismatch(out.get(), channels, 0, capacity, 0), -1);
     EXPECT_EQ(KyoAudioRingBufferRead(ring.get(), out.get(), 0, 1), 0u);
@@ -79,8 +79,8 @@ TEST_P(RingLayout, HoldsExactlyItsCapacityAndNoMore) {
 TEST_P(RingLayout, WrapsAroundTheEndInTwoPiecesAndOneIndexMove) {
   auto [channels, interleaved] = GetParam();
   auto ring = makeRing(channels, 10, interleaved);  // 11 slots
-  auto in = makeList(channels, 20, interleaved);
-  auto out = makeList(channels, 20, interleaved);
+  ListHolder in(channels, 20, interleaved);
+  ListHolder out(channels, 20, interleaved);
   fill(in.get(), channels, 0, 20, 100);
 
   ASSERT_EQ(KyoAudioRingBufferWrite(ring.get(), in.get(), 0, 7), 7u);
@@ -101,8 +101,8 @@ TEST_P(RingLayout, WrapsAroundTheEndInTwoPiecesAndOneIndexMove) {
 TEST_P(RingLayout, DropDiscardsFromTheReadSideAcrossTheWrap) {
   auto [channels, interleaved] = GetParam();
   auto ring = makeRing(channels, 8, interleaved);
-  auto in = makeList(channels, 8, interleaved);
-  auto out = makeList(channels, 8, interleaved);
+  ListHolder in(channels, 8, interleaved);
+  ListHolder out(channels, 8, interleaved);
   fill(in.get(), channels, 0, 8, 0);
   ASSERT_EQ(KyoAudioRingBufferWrite(ring.get(), in.get(), 0, 6), 6u);
   ASSERT_EQ(KyoAudioRingBufferDrop(ring.get(), 5), 5u);
@@ -119,8 +119,8 @@ INSTANTIATE_TEST_SUITE_P(Layouts, RingLayout,
 
 TEST(KyoAudioRingBuffer, RequestsAreBoundedByTheListAndTheRing) {
   auto ring = makeRing(2, 64, false);
-  auto big = makeList(2, 100, false);
-  auto small = makeList(2, 10, false);
+  ListHolder big(2, 100, false);
+  ListHolder small(2, 10, false);
   fill(big.get(), 2, 0, 100, 0);
 
   // Bounded by what the list holds after the offset.
@@ -137,8 +137,8 @@ TEST(KyoAudioRingBuffer, RequestsAreBoundedByTheListAndTheRing) {
   EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), 24u);
 
   // A list of another layout moves nothing.
-  auto mono = makeList(1, 10, false);
-  auto interleaved = makeList(2, 10, true);
+  ListHolder mono(1, 10, false);
+  ListHolder interleaved(2, 10, true);
   EXPECT_EQ(KyoAudioRingBufferRead(ring.get(), mono.get(), 0, 5), 0u);
   EXPECT_EQ(KyoAudioRingBufferWrite(ring.get(), interleaved.get(), 0, 5), 0u);
   EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), 24u);
@@ -147,7 +147,7 @@ TEST(KyoAudioRingBuffer, RequestsAreBoundedByTheListAndTheRing) {
 TEST(KyoAudioRingBuffer, RefusesEmptyShapesAndToleratesNull) {
   EXPECT_EQ(KyoAudioRingBufferCreate(0, 10, false), nullptr);
   EXPECT_EQ(KyoAudioRingBufferCreate(2, 0, false), nullptr);
-  auto list = makeList(1, 4, false);
+  ListHolder list(1, 4, false);
   EXPECT_EQ(KyoAudioRingBufferCount(nullptr), 0u);
   EXPECT_EQ(KyoAudioRingBufferSpace(nullptr), 0u);
   EXPECT_EQ(KyoAudioRingBufferCapacity(nullptr), 0u);
@@ -168,7 +168,7 @@ TEST(KyoAudioRingBuffer, ProducerAndConsumerThreadsMoveEveryFrameInOrder) {
   auto ring = makeRing(kChannels, 1021, false);
 
   std::thread producer([&] {
-    auto in = makeList(kChannels, 700, false);
+    ListHolder in(kChannels, 700, false);
     uint64_t sent = 0;
     uint32_t step = 0;
     while (sent < kTotal) {
@@ -184,7 +184,7 @@ TEST(KyoAudioRingBuffer, ProducerAndConsumerThreadsMoveEveryFrameInOrder) {
     }
   });
 
-  auto out = makeList(kChannels, 900, false);
+  ListHolder out(kChannels, 900, false);
   uint64_t received = 0;
   uint32_t step = 0;
   int64_t mismatchAt = -1;

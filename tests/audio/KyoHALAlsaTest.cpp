@@ -3,66 +3,23 @@
 // that cannot write, one that goes away).
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <string>
-#include <vector>
 
-#include "audio/KyoHAL.h"
+#include "HALTestSupport.h"
 #include "foundation/KyoClock.h"
-#include "support/AllocationCounter.h"
-#include "support/TestFiles.h"
-#include "support/Waiting.h"
+
+using namespace sonto::test;
 
 namespace {
-
-using sonto::test::eventually;
-using sonto::test::LogCapture;
-
-struct Cycles {
-  std::atomic<int> count{0};
-  std::atomic<int> inside{0};
-  std::atomic<bool> stopped{false};
-  std::atomic<bool> calledAfterStop{false};
-  std::atomic<bool> wrongShape{false};
-  std::atomic<bool> watch{false};
-  std::atomic<uint32_t> frames{0};
-  std::atomic<pthread_t> thread{};
-  double nextSampleTime = 0;  // render thread only
-};
-
-// Writes the ramp of the frame numbers the device has asked for so far.
-void rampProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output, double sampleTime) {
-  auto* c = static_cast<Cycles*>(client);
-  c->inside.fetch_add(1);
-  if (c->watch.load()) sonto::test::watchAllocationsOnThisThread(true);
-  if (c->stopped.load()) c->calledAfterStop.store(true);
-  c->thread.store(pthread_self());
-  c->frames.store(frames);
-  if (input || output->mNumberBuffers != 2 || sampleTime != c->nextSampleTime) c->wrongShape.store(true);
-  c->nextSampleTime = sampleTime + frames;
-  for (uint32_t b = 0; b < output->mNumberBuffers; ++b) {
-    auto* d = static_cast<float*>(output->mBuffers[b].mData);
-    for (uint32_t i = 0; i < frames; ++i) {
-      if (d[i] != 0) c->wrongShape.store(true);
-      d[i] = sonto::test::rampSample(int64_t(sampleTime) + i, b);
-    }
-  }
-  c->count.fetch_add(1);
-  c->inside.fetch_sub(1);
-}
 
 // A private HOME for the whole run, set before main while this is the only thread:
 // alsa-lib reads it (for ~/.asoundrc) on the device layer's threads.
 const std::string kHome = [] {
-  std::string home = sonto::test::temporaryPath("alsa-home");
+  std::string home = temporaryPath("alsa-home");
   mkdir(home.c_str(), 0700);
   setenv("HOME", home.c_str(), 1);
   return home;
@@ -105,22 +62,16 @@ TEST_F(KyoHALAlsa, NullPcmIsListedAndRendersWithoutAllocating) {
 
   for (int round = 0; round < 4; ++round) {
     Cycles cycles;
+    cycles.expectedFrames = 512;
+    cycles.expectedOutputs = 2;
     ASSERT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALNoError);
     EXPECT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALIllegalOperationError);
     ASSERT_TRUE(eventually([&] { return cycles.count.load() >= 3; }));
     if (round == 0) {
-      sonto::test::resetWatchedAllocations();
-      cycles.watch.store(true);
-      int from = cycles.count.load();
-      ASSERT_TRUE(eventually([&] { return cycles.count.load() >= from + 50; }));
-      EXPECT_EQ(sonto::test::watchedAllocations(), 0u);
+      EXPECT_EQ(allocationsOverCycles(cycles, 50), 0u);
     }
-    ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-    cycles.stopped.store(true);
-    EXPECT_EQ(cycles.inside.load(), 0);
-    EXPECT_EQ(cycles.frames.load(), 512u);
-    EXPECT_FALSE(cycles.wrongShape.load());
-    EXPECT_FALSE(pthread_equal(cycles.thread.load(), pthread_self()));
+    stopAndCheck(id, cycles);
+    EXPECT_EQ(cycles.inputChannels.load(), -1);
     KyoCurrentClock().sleepFor(0.005);
     EXPECT_FALSE(cycles.calledAfterStop.load());
   }
@@ -137,17 +88,16 @@ TEST_F(KyoHALAlsa, FilePcmRecordsExactlyWhatWasRendered) {
   EXPECT_EQ(hal.setBufferSizeInFrames(id, 3), kKyoHALIllegalOperationError);
   std::remove(recordingPath().c_str());
   Cycles cycles;
+  cycles.expectedFrames = 256;
+  cycles.expectedOutputs = 2;
   ASSERT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALNoError);
   ASSERT_TRUE(eventually([&] { return cycles.count.load() >= 40; }));
-  ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-  EXPECT_EQ(cycles.frames.load(), 256u);
-  EXPECT_FALSE(cycles.wrongShape.load());
+  stopAndCheck(id, cycles);
 
   std::ifstream file(recordingPath(), std::ios::binary);
   ASSERT_TRUE(file.good());
   std::vector<float> samples;
-  float value;
-  while (file.read(reinterpret_cast<char*>(&value), sizeof value)) samples.push_back(value);
+  for (float value; file.read(reinterpret_cast<char*>(&value), sizeof value);) samples.push_back(value);
   ASSERT_EQ(samples.size() % 2, 0u);
   int64_t frames = int64_t(samples.size() / 2);
   EXPECT_GE(frames, 30 * 256);
@@ -155,7 +105,7 @@ TEST_F(KyoHALAlsa, FilePcmRecordsExactlyWhatWasRendered) {
   int64_t wrong = 0;
   for (int64_t f = 0; f < frames; ++f)
     for (uint32_t c = 0; c < 2; ++c)
-      if (samples[size_t(f * 2 + c)] != sonto::test::rampSample(f, c) && wrong++ < 5)
+      if (samples[size_t(f * 2 + c)] != rampSample(f, c) && wrong++ < 5)
         ADD_FAILURE() << "frame " << f << " channel " << c << ": " << samples[size_t(f * 2 + c)];
   EXPECT_EQ(wrong, 0);
   ASSERT_EQ(hal.setBufferSizeInFrames(id, 512), kKyoHALNoError);
@@ -170,16 +120,7 @@ TEST_F(KyoHALAlsa, BrokenAndVanishedPcmsFailWithALoggedStatus) {
 
   KyoAudioObjectID vanishing = hal.deviceWithUID("alsa:sontovanishing");
   ASSERT_NE(vanishing, 0u);
-  std::mutex mutex;
-  std::vector<std::pair<KyoAudioObjectID, uint32_t>> events;
-  uint64_t token = hal.addListener([&](KyoAudioObjectID object, uint32_t selector) {
-    std::lock_guard<std::mutex> lock(mutex);
-    events.emplace_back(object, selector);
-  });
-  auto saw = [&](KyoAudioObjectID object, uint32_t selector) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return std::find(events.begin(), events.end(), std::make_pair(object, selector)) != events.end();
-  };
+  EventLog events;
   writeConfiguration(false);
   EXPECT_EQ(hal.deviceWithUID("alsa:sontovanishing"), 0u);
   auto all = hal.allDevices();
@@ -190,13 +131,12 @@ TEST_F(KyoHALAlsa, BrokenAndVanishedPcmsFailWithALoggedStatus) {
     EXPECT_EQ(hal.startIO(vanishing, false, rampProc, &cycles), kKyoHALBadDeviceError);
     EXPECT_TRUE(capture.contains("Error: "));
   }
-  EXPECT_TRUE(eventually([&] { return saw(vanishing, kKyoPropertyDeviceIsAlive); }));
-  EXPECT_TRUE(eventually([&] { return saw(kKyoAudioObjectSystemObject, kKyoPropertyDevices); }));
+  EXPECT_TRUE(eventually([&] { return events.saw(vanishing, kKyoPropertyDeviceIsAlive); }));
+  EXPECT_TRUE(eventually([&] { return events.saw(kKyoAudioObjectSystemObject, kKyoPropertyDevices); }));
 
   // Back in the configuration: the same number again.
   writeConfiguration(true);
   EXPECT_EQ(hal.deviceWithUID("alsa:sontovanishing"), vanishing);
-  hal.removeListener(token);
 }
 
 }  // namespace

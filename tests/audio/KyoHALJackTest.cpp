@@ -2,27 +2,17 @@
 // cycles, input, the server's death and a server that is not there.
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 
-#include <algorithm>
-#include <atomic>
-#include <mutex>
 #include <string>
-#include <vector>
 
-#include "audio/KyoHAL.h"
+#include "HALTestSupport.h"
 #include "foundation/KyoClock.h"
-#include "support/AllocationCounter.h"
 #include "support/JackServer.h"
-#include "support/Waiting.h"
+
+using namespace sonto::test;
 
 namespace {
-
-using sonto::test::eventually;
-using sonto::test::LogCapture;
-
-using sonto::test::JackServer;
 
 // Before main, while this is the only thread: the device layer's threads read the
 // environment, so it is set once for the whole run, to a server no one else runs.
@@ -41,79 +31,28 @@ const bool kServerNamed = [] {
     }                                                                         \
   } while (0)
 
-struct Cycles {
-  std::atomic<int> count{0};
-  std::atomic<int> inside{0};
-  std::atomic<bool> stopped{false};
-  std::atomic<bool> calledAfterStop{false};
-  std::atomic<bool> wrongShape{false};
-  std::atomic<bool> sampleTimeWrong{false};
-  std::atomic<bool> watch{false};
-  std::atomic<uint32_t> inputChannels{0};
-  std::atomic<pthread_t> thread{};
-  uint32_t expectedFrames = 128;
-  uint32_t expectedOutputs = 2;
-  double nextSampleTime = -1;  // render thread only
-};
-
-void countingProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output,
-                  double sampleTime) {
-  auto* c = static_cast<Cycles*>(client);
-  c->inside.fetch_add(1);
-  if (c->watch.load()) sonto::test::watchAllocationsOnThisThread(true);
-  if (c->stopped.load()) c->calledAfterStop.store(true);
-  c->thread.store(pthread_self());
-  if (frames != c->expectedFrames || output->mNumberBuffers != c->expectedOutputs) c->wrongShape.store(true);
-  for (uint32_t b = 0; b < output->mNumberBuffers; ++b) {
-    auto* d = static_cast<float*>(output->mBuffers[b].mData);
-    if (!d || output->mBuffers[b].mDataByteSize != frames * sizeof(float)) {
-      c->wrongShape.store(true);
-      continue;
-    }
-    for (uint32_t i = 0; i < frames; ++i) {
-      if (d[i] != 0) c->wrongShape.store(true);  // outputs arrive zeroed
-      d[i] = 0.25f;
-    }
-  }
-  if (input) {
-    c->inputChannels.store(input->mNumberBuffers);
-    for (uint32_t b = 0; b < input->mNumberBuffers; ++b)
-      if (!input->mBuffers[b].mData || input->mBuffers[b].mDataByteSize != frames * sizeof(float))
-        c->wrongShape.store(true);
-  }
-  if (c->nextSampleTime >= 0 && sampleTime != c->nextSampleTime) c->sampleTimeWrong.store(true);
-  c->nextSampleTime = sampleTime + frames;
-  c->count.fetch_add(1);
-  c->inside.fetch_sub(1);
+// A device on a fresh private server, found by a fresh look.
+KyoAudioObjectID startedDevice(JackServer& server, unsigned period) {
+  EXPECT_TRUE(server.start(period)) << server.error();
+  KyoHAL::shared().rescan();
+  return KyoHAL::shared().deviceWithUID("jack:" + server.name());
 }
 
-struct EventLog {
-  std::mutex mutex;
-  std::vector<std::pair<KyoAudioObjectID, uint32_t>> events;
-  std::vector<pthread_t> threads;
-  uint64_t token = 0;
-
-  explicit EventLog(KyoHAL& hal) {
-    token = hal.addListener([this](KyoAudioObjectID object, uint32_t selector) {
-      std::lock_guard<std::mutex> lock(mutex);
-      events.emplace_back(object, selector);
-      threads.push_back(pthread_self());
-    });
-  }
-  ~EventLog() { KyoHAL::shared().removeListener(token); }
-  bool saw(KyoAudioObjectID object, uint32_t selector) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return std::find(events.begin(), events.end(), std::make_pair(object, selector)) != events.end();
+// Cycles of a JACK device: its period, two outputs, and a sample time that may
+// start anywhere.
+struct JackCycles : Cycles {
+  explicit JackCycles(uint32_t period = 128) {
+    expectedFrames = period;
+    expectedOutputs = 2;
+    nextSampleTime = -1;
   }
 };
 
 TEST(KyoHALJack, ServerIsListedAsTheDefaultAndRendersWithoutAllocating) {
   SKIP_WITHOUT_JACKD();
   JackServer server;
-  ASSERT_TRUE(server.start(128)) << server.error();
   KyoHAL& hal = KyoHAL::shared();
-  hal.rescan();
-  KyoAudioObjectID id = hal.deviceWithUID("jack:" + server.name());
+  KyoAudioObjectID id = startedDevice(server, 128);
   ASSERT_NE(id, 0u);
   auto all = hal.allDevices();
   EXPECT_NE(std::find(all.begin(), all.end(), id), all.end());
@@ -129,34 +68,22 @@ TEST(KyoHALJack, ServerIsListedAsTheDefaultAndRendersWithoutAllocating) {
   EXPECT_EQ(p.nominalSampleRate, 48000);
   EXPECT_EQ(p.bufferSizeInFrames, 128u);
 
-  Cycles cycles;
-  ASSERT_EQ(hal.startIO(id, false, countingProc, &cycles), kKyoHALNoError);
-  EXPECT_EQ(hal.startIO(id, false, countingProc, &cycles), kKyoHALIllegalOperationError);
+  JackCycles cycles;
+  ASSERT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALNoError);
+  EXPECT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALIllegalOperationError);
   ASSERT_TRUE(eventually([&] { return cycles.count.load() >= 4; }));
-  sonto::test::resetWatchedAllocations();
-  cycles.watch.store(true);
-  int from = cycles.count.load();
-  ASSERT_TRUE(eventually([&] { return cycles.count.load() >= from + 20; }));
-  EXPECT_EQ(sonto::test::watchedAllocations(), 0u);
-  ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-  cycles.stopped.store(true);
-  EXPECT_EQ(cycles.inside.load(), 0);
-  EXPECT_FALSE(pthread_equal(cycles.thread.load(), pthread_self()));
-  EXPECT_FALSE(cycles.wrongShape.load());
-  EXPECT_FALSE(cycles.sampleTimeWrong.load());
-  EXPECT_EQ(cycles.inputChannels.load(), 0u);
+  EXPECT_EQ(allocationsOverCycles(cycles, 20), 0u);
+  stopAndCheck(id, cycles);
+  EXPECT_EQ(cycles.inputChannels.load(), -1);
   EXPECT_EQ(hal.stopIO(id), kKyoHALNotRunningError);
 
   // Open again, with the capture ports this time, then stop while cycles run.
   for (int round = 0; round < 3; ++round) {
-    Cycles again;
-    ASSERT_EQ(hal.startIO(id, true, countingProc, &again), kKyoHALNoError);
+    JackCycles again;
+    ASSERT_EQ(hal.startIO(id, true, rampProc, &again), kKyoHALNoError);
     ASSERT_TRUE(eventually([&] { return again.count.load() >= 2; }));
-    ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-    again.stopped.store(true);
-    EXPECT_EQ(again.inside.load(), 0);
-    EXPECT_EQ(again.inputChannels.load(), 2u);
-    EXPECT_FALSE(again.wrongShape.load());
+    stopAndCheck(id, again);
+    EXPECT_EQ(again.inputChannels.load(), 2);
     KyoCurrentClock().sleepFor(0.01);
     EXPECT_FALSE(again.calledAfterStop.load());
   }
@@ -167,18 +94,15 @@ TEST(KyoHALJack, ServerIsListedAsTheDefaultAndRendersWithoutAllocating) {
 // and the device leaves the list; the same server name found again keeps its number.
 TEST(KyoHALJack, ServerDeathIsTheDeviceDeath) {
   SKIP_WITHOUT_JACKD();
+  KyoHAL& hal = KyoHAL::shared();
   for (int signal : {SIGKILL, SIGTERM}) {
     SCOPED_TRACE(signal == SIGKILL ? "SIGKILL" : "SIGTERM");
     JackServer server;
-    ASSERT_TRUE(server.start(128)) << server.error();
-    KyoHAL& hal = KyoHAL::shared();
-    hal.rescan();
-    KyoAudioObjectID id = hal.deviceWithUID("jack:" + server.name());
+    KyoAudioObjectID id = startedDevice(server, 128);
     ASSERT_NE(id, 0u);
-    KyoAudioObjectID null = hal.deviceWithUID("null");
-    EventLog log(hal);
-    Cycles cycles;
-    ASSERT_EQ(hal.startIO(id, false, countingProc, &cycles), kKyoHALNoError);
+    EventLog log;
+    JackCycles cycles;
+    ASSERT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALNoError);
     ASSERT_TRUE(eventually([&] { return cycles.count.load() >= 2; }));
 
     server.kill(signal);
@@ -187,13 +111,7 @@ TEST(KyoHALJack, ServerDeathIsTheDeviceDeath) {
     EXPECT_EQ(hal.properties(id, p), kKyoHALBadDeviceError);
     EXPECT_EQ(hal.stopIO(id), kKyoHALNoError);
     EXPECT_EQ(cycles.inside.load(), 0);
-    {
-      std::lock_guard<std::mutex> lock(log.mutex);
-      for (pthread_t t : log.threads) {
-        EXPECT_FALSE(pthread_equal(t, pthread_self()));
-        EXPECT_FALSE(pthread_equal(t, cycles.thread.load()));
-      }
-    }
+    EXPECT_TRUE(log.toldElsewhere(cycles.thread.load()));
     // Without a server, the default output falls back and the device is gone.
     ASSERT_TRUE(eventually([&] {
       auto all = hal.allDevices();
@@ -201,19 +119,17 @@ TEST(KyoHALJack, ServerDeathIsTheDeviceDeath) {
     }));
     EXPECT_EQ(hal.deviceWithUID("jack:" + server.name()), 0u);
     EXPECT_NE(hal.defaultOutputDevice(), id);
+    EXPECT_NE(hal.deviceWithUID("null"), 0u);
     EXPECT_TRUE(eventually([&] { return log.saw(kKyoAudioObjectSystemObject, kKyoPropertyDevices); }));
     EXPECT_TRUE(eventually([&] { return log.saw(kKyoAudioObjectSystemObject, kKyoPropertyDefaultOutput); }));
-    EXPECT_NE(null, 0u);
-    EXPECT_EQ(hal.startIO(id, false, countingProc, &cycles), kKyoHALBadDeviceError);
+    EXPECT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALBadDeviceError);
 
     // The same server again: the same device number, alive, and it opens.
-    ASSERT_TRUE(server.start(128)) << server.error();
-    hal.rescan();
-    EXPECT_EQ(hal.deviceWithUID("jack:" + server.name()), id);
+    EXPECT_EQ(startedDevice(server, 128), id);
     ASSERT_EQ(hal.properties(id, p), kKyoHALNoError);
     EXPECT_TRUE(p.alive);
-    Cycles again;
-    ASSERT_EQ(hal.startIO(id, false, countingProc, &again), kKyoHALNoError);
+    JackCycles again;
+    ASSERT_EQ(hal.startIO(id, false, rampProc, &again), kKyoHALNoError);
     ASSERT_TRUE(eventually([&] { return again.count.load() >= 2; }));
     EXPECT_EQ(hal.stopIO(id), kKyoHALNoError);
   }
@@ -238,17 +154,15 @@ TEST(KyoHALJack, NoServerNoDeviceAndStartFails) {
   }
 
   JackServer server;
-  ASSERT_TRUE(server.start(256)) << server.error();
-  hal.rescan();
-  KyoAudioObjectID id = hal.deviceWithUID("jack:" + server.name());
+  KyoAudioObjectID id = startedDevice(server, 256);
   ASSERT_NE(id, 0u);
   KyoHALDeviceProperties p;
   ASSERT_EQ(hal.properties(id, p), kKyoHALNoError);
   EXPECT_EQ(p.bufferSizeInFrames, 256u);
   server.kill(SIGKILL);
   LogCapture capture;
-  Cycles cycles;
-  int32_t status = hal.startIO(id, false, countingProc, &cycles);
+  JackCycles cycles(256);
+  int32_t status = hal.startIO(id, false, rampProc, &cycles);
   EXPECT_NE(status, kKyoHALNoError);
   EXPECT_TRUE(capture.contains("Error: ")) << "the failure was not logged";
   EXPECT_EQ(cycles.count.load(), 0);

@@ -3,31 +3,24 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <mutex>
 #include <set>
-#include <thread>
 
-#include "audio/KyoHAL.h"
+#include "HALTestSupport.h"
 #include "foundation/KyoClock.h"
-#include "support/AllocationCounter.h"
-#include "support/Waiting.h"
+
+using namespace sonto::test;
 
 namespace {
-
-using sonto::test::eventually;
 
 KyoAudioObjectID nullDevice() { return KyoHAL::shared().deviceWithUID("null"); }
 
 TEST(KyoHALNull, IsListedLastWithItsShape) {
   KyoHAL& hal = KyoHAL::shared();
   auto all = hal.allDevices();
-  ASSERT_FALSE(all.empty());
   KyoAudioObjectID id = nullDevice();
   ASSERT_NE(id, 0u);
   EXPECT_EQ(all.back(), id);
-  std::set<KyoAudioObjectID> distinct(all.begin(), all.end());
-  EXPECT_EQ(distinct.size(), all.size());
+  EXPECT_EQ(std::set<KyoAudioObjectID>(all.begin(), all.end()).size(), all.size());
   for (KyoAudioObjectID device : all) EXPECT_GT(device, kKyoAudioObjectSystemObject);
 
   KyoHALDeviceProperties p;
@@ -46,8 +39,7 @@ TEST(KyoHALNull, IsListedLastWithItsShape) {
   bool otherDefault = false;
   for (KyoAudioObjectID device : hal.allDevices()) {
     KyoHALDeviceProperties q;
-    if (hal.properties(device, q) == kKyoHALNoError && (q.modelUID == "jack" || q.uid == "alsa:default"))
-      otherDefault = true;
+    otherDefault |= hal.properties(device, q) == kKyoHALNoError && (q.modelUID == "jack" || q.uid == "alsa:default");
   }
   if (!otherDefault) {
     EXPECT_EQ(hal.defaultOutputDevice(), id);
@@ -56,55 +48,19 @@ TEST(KyoHALNull, IsListedLastWithItsShape) {
   EXPECT_EQ(hal.deviceWithUID(""), 0u);
 }
 
-struct Render {
-  std::atomic<int> cycles{0};
-  std::atomic<int> inside{0};
-  std::atomic<bool> wrongShape{false};
-  std::atomic<bool> notZeroed{false};
-  std::atomic<bool> sampleTimeWrong{false};
-  std::atomic<bool> watch{false};
-  std::atomic<pthread_t> thread{};
-  double nextSampleTime = 0;  // render thread only
-};
-
-void renderProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output,
-                double sampleTime) {
-  auto* r = static_cast<Render*>(client);
-  r->inside.fetch_add(1);
-  if (r->watch.load()) sonto::test::watchAllocationsOnThisThread(true);
-  r->thread.store(pthread_self());
-  if (frames != 512 || input || output->mNumberBuffers != 2) r->wrongShape.store(true);
-  if (sampleTime != r->nextSampleTime) r->sampleTimeWrong.store(true);
-  r->nextSampleTime = sampleTime + frames;
-  for (uint32_t c = 0; c < output->mNumberBuffers; ++c) {
-    auto* d = static_cast<float*>(output->mBuffers[c].mData);
-    for (uint32_t i = 0; i < frames; ++i) {
-      if (d[i] != 0) r->notZeroed.store(true);
-      d[i] = 1.0f;  // must be gone by the next cycle
-    }
-  }
-  r->cycles.fetch_add(1);
-  r->inside.fetch_sub(1);
-}
-
 TEST(KyoHALNull, RendersOnItsOwnThreadWithoutAllocating) {
   KyoHAL& hal = KyoHAL::shared();
   KyoAudioObjectID id = nullDevice();
-  Render render;
-  ASSERT_EQ(hal.startIO(id, true, renderProc, &render), kKyoHALNoError);
-  EXPECT_EQ(hal.startIO(id, false, renderProc, &render), kKyoHALIllegalOperationError);
-  ASSERT_TRUE(eventually([&] { return render.cycles.load() >= 2; }));
-  // From here on the render thread is watched between and inside callbacks.
-  sonto::test::resetWatchedAllocations();
-  render.watch.store(true);
-  int from = render.cycles.load();
-  ASSERT_TRUE(eventually([&] { return render.cycles.load() >= from + 6; }));
-  EXPECT_EQ(sonto::test::watchedAllocations(), 0u);
-  ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-  EXPECT_FALSE(pthread_equal(render.thread.load(), pthread_self()));
-  EXPECT_FALSE(render.wrongShape.load());
-  EXPECT_FALSE(render.notZeroed.load());
-  EXPECT_FALSE(render.sampleTimeWrong.load());
+  Cycles cycles;
+  cycles.expectedFrames = 512;
+  cycles.expectedOutputs = 2;
+  // Asked with input: the device has none, and gives none.
+  ASSERT_EQ(hal.startIO(id, true, rampProc, &cycles), kKyoHALNoError);
+  EXPECT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALIllegalOperationError);
+  ASSERT_TRUE(eventually([&] { return cycles.count.load() >= 2; }));
+  EXPECT_EQ(allocationsOverCycles(cycles, 6), 0u);
+  stopAndCheck(id, cycles);
+  EXPECT_EQ(cycles.inputChannels.load(), -1);
   EXPECT_EQ(hal.stopIO(id), kKyoHALNotRunningError);
 }
 
@@ -113,14 +69,12 @@ TEST(KyoHALNull, StopReturnsAfterTheLastCallback) {
   KyoAudioObjectID id = nullDevice();
   ASSERT_EQ(hal.setBufferSizeInFrames(id, 16), kKyoHALNoError);
   for (int round = 0; round < 25; ++round) {
-    Render render;
-    ASSERT_EQ(hal.startIO(id, false, renderProc, &render), kKyoHALNoError);
-    if (round % 2) eventually([&] { return render.cycles.load() >= 1; });
-    ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-    EXPECT_EQ(render.inside.load(), 0);
-    int after = render.cycles.load();
+    Cycles cycles;
+    ASSERT_EQ(hal.startIO(id, false, rampProc, &cycles), kKyoHALNoError);
+    if (round % 2) eventually([&] { return cycles.count.load() >= 1; });
+    stopAndCheck(id, cycles);
     KyoCurrentClock().sleepFor(0.001);
-    EXPECT_EQ(render.cycles.load(), after);
+    EXPECT_FALSE(cycles.calledAfterStop.load());
   }
   ASSERT_EQ(hal.setBufferSizeInFrames(id, 4), kKyoHALIllegalOperationError);
   ASSERT_EQ(hal.setBufferSizeInFrames(id, 512), kKyoHALNoError);
@@ -140,45 +94,27 @@ void slowProc(void* client, uint32_t, const AudioBufferList*, AudioBufferList*, 
   if (s->cycles.fetch_add(1) == 2) {
     // Three periods of 512 frames at 48 kHz and more.
     KyoCurrentClock().sleepFor(0.05);
-    s->stopStatus.store(KyoHAL::shared().stopIO(KyoHAL::shared().deviceWithUID("null")));
+    s->stopStatus.store(KyoHAL::shared().stopIO(nullDevice()));
   }
 }
 
 TEST(KyoHALNull, OverloadReachesListenersOnTheListenerThread) {
   KyoHAL& hal = KyoHAL::shared();
   KyoAudioObjectID id = nullDevice();
-  std::mutex mutex;
-  std::vector<std::pair<KyoAudioObjectID, uint32_t>> events;
-  std::vector<pthread_t> threads;
-  uint64_t token = hal.addListener([&](KyoAudioObjectID object, uint32_t selector) {
-    std::lock_guard<std::mutex> lock(mutex);
-    events.emplace_back(object, selector);
-    threads.push_back(pthread_self());
-  });
-  ASSERT_NE(token, 0u);
+  EventLog events;
+  ASSERT_NE(events.token(), 0u);
   Slow slow;
   ASSERT_EQ(hal.startIO(id, false, slowProc, &slow), kKyoHALNoError);
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard<std::mutex> lock(mutex);
-    return std::count(events.begin(), events.end(), std::make_pair(id, kKyoPropertyProcessorOverload)) > 0;
-  }));
+  ASSERT_TRUE(eventually([&] { return events.saw(id, kKyoPropertyProcessorOverload); }));
   ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
   EXPECT_EQ(slow.stopStatus.load(), kKyoHALIllegalOperationError);
-  hal.removeListener(token);
-  size_t seen = 0;
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (pthread_t t : threads) {
-      EXPECT_FALSE(pthread_equal(t, pthread_self()));
-      EXPECT_FALSE(pthread_equal(t, slow.thread.load()));
-    }
-    seen = events.size();
-  }
+  events.remove();
+  EXPECT_TRUE(events.toldElsewhere(slow.thread.load()));
+  const size_t seen = events.size();
   slow.cycles.store(0);
   ASSERT_EQ(hal.startIO(id, false, slowProc, &slow), kKyoHALNoError);
   eventually([&] { return slow.cycles.load() >= 4; });
   ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);
-  std::lock_guard<std::mutex> lock(mutex);
   EXPECT_EQ(events.size(), seen) << "a removed listener was called";
 }
 

@@ -1,7 +1,10 @@
 #include "show/Workspace.h"
 
+#include <QFileInfo>
+#include <QPointer>
 #include <QString>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <random>
@@ -14,6 +17,11 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+// Untitled workspaces are numbered in the order they were made in this process.
+std::atomic<int> g_workspacesMade{0};
+}  // namespace
+
 Workspace::Workspace() : Workspace(nullptr) {}
 
 Workspace::Workspace(std::shared_ptr<KyoAudioDevice> device) : m_logger(std::make_shared<SontoLogger>()) {
@@ -22,6 +30,12 @@ Workspace::Workspace(std::shared_ptr<KyoAudioDevice> device) : m_logger(std::mak
   m_audioDevice = std::move(device);
   if (!m_audioDevice) KyoLog("Workspace has no output device.");
   makeTmpFolder();
+  m_untitledNumber = ++g_workspacesMade;
+  // Each closed group is an edit done; undo and redo walk the count back and forth,
+  // so undoing to the saved state clears the mark again.
+  connect(&m_undoManager, &SontoUndoManager::didCloseUndoGroup, this, [this] { updateChangeCount(ChangeType::Done); });
+  connect(&m_undoManager, &SontoUndoManager::didUndoChange, this, [this] { updateChangeCount(ChangeType::Undone); });
+  connect(&m_undoManager, &SontoUndoManager::didRedoChange, this, [this] { updateChangeCount(ChangeType::Redone); });
 }
 
 Workspace::~Workspace() {
@@ -253,8 +267,9 @@ void Workspace::panic() {
 void Workspace::processMIDIMessages(const std::vector<SontoMIDIMessage>& messages) {
   std::vector<SontoMIDIMessage> kept;
   kept.reserve(messages.size());
+  const long channel = m_settings.midiChannel();
   for (const SontoMIDIMessage& message : messages) {
-    if (m_midiChannel == 0 || message.channel() == m_midiChannel) kept.push_back(message);
+    if (channel == 0 || message.channel() == channel) kept.push_back(message);
   }
   if (kept.empty()) return;
   if (m_audioDevice) m_audioDevice->startSyncedActions();
@@ -324,4 +339,176 @@ bool Workspace::containsMediaFile(const std::string& path) const {
     return !prefix.empty() && candidate.startsWith(QString::fromStdString(prefix), Qt::CaseInsensitive);
   };
   return startsWith(m_filePath) || startsWith(m_tmpPath);
+}
+
+// --- The document ---
+
+void Workspace::setFileURL(const QUrl& url) {
+  WorkspaceFile::setFileURL(url, m_carts);
+  std::string path = url.isLocalFile() ? url.toLocalFile().toStdString() : std::string();
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  m_filePath = path;
+  if (url == m_fileURL) return;
+  m_fileURL = url;
+  emit fileURLChanged();
+}
+
+QString Workspace::displayName() const {
+  if (!m_fileURL.isEmpty()) {
+    QString name = QFileInfo(m_fileURL.toLocalFile()).fileName();
+    const QString extension = QStringLiteral(".") + QString::fromLatin1(WorkspaceFile::kExtension);
+    if (name.endsWith(extension, Qt::CaseInsensitive) && name.size() > extension.size()) name.chop(extension.size());
+    return name;
+  }
+  const QString untitled = QString::fromLatin1(kUntitledName);
+  return m_untitledNumber <= 1 ? untitled : untitled + QStringLiteral(" %1").arg(m_untitledNumber);
+}
+
+void Workspace::updateChangeCount(ChangeType change) {
+  const bool wasEdited = isDocumentEdited();
+  switch (change) {
+    case ChangeType::Done:
+    case ChangeType::Redone:
+      ++m_changeCount;
+      break;
+    case ChangeType::Undone:
+      --m_changeCount;
+      break;
+    case ChangeType::Cleared:
+      m_changeCount = 0;
+      break;
+  }
+  if (wasEdited != isDocumentEdited()) emit documentEditedChanged();
+}
+
+bool Workspace::readFromURL(const QUrl& url, SavingError* error) {
+  // Everything that can fail happens in the read, before the workspace is touched.
+  WorkspaceDocument document;
+  if (!WorkspaceFile::readPackage(url, document, error)) return false;
+  setUndoRegistrationEnabled(false);
+  WorkspaceFile::applyDocument(*this, std::move(document));
+  setUndoRegistrationEnabled(true);
+  didRead(url);
+  return true;
+}
+
+bool Workspace::revertToSaved(SavingError* error) {
+  if (m_fileURL.isEmpty()) {
+    const std::string message = "Error - failed to read document data from (untitled): the show was never saved";
+    KyoLog("%s", message.c_str());
+    if (error) {
+      error->code = 1;
+      error->message = message;
+    }
+    return false;
+  }
+  return readFromURL(m_fileURL, error);
+}
+
+void Workspace::didRead(const QUrl& url) {
+  // The inverses held so far act on carts and levels that are gone.
+  m_undoManager.removeAllActions();
+  setFileURL(url);
+  updateChangeCount(ChangeType::Cleared);
+}
+
+std::shared_ptr<WorkspaceDocument> Workspace::makeDocument() const {
+  auto d = std::make_shared<WorkspaceDocument>();
+  d->version = SONTO_VERSION_STRING;
+  if (m_audioDevice && !m_audioDevice->died()) {
+    const std::string uid = m_audioDevice->deviceUID();
+    if (!uid.empty()) d->audioDeviceUID = uid;
+  }
+  d->deviceChannel = m_deviceChannel;
+  d->carts = m_carts;
+  d->locked = m_locked;
+  d->ducked = m_ducked;
+  d->masterVolume = m_masterVolume;
+  d->duckedVolume = m_duckedVolume;
+  d->settings = m_settings.state();
+  d->logger = m_logger;
+  return d;
+}
+
+void Workspace::saveToURL(const QUrl& url, std::function<void(bool ok, const SavingError& error)> completion) {
+  PendingSave save{url, std::move(completion)};
+  // Two saves of one show at once would race for the same cues and package.
+  if (m_saving) {
+    m_pendingSaves.push_back(std::move(save));
+    return;
+  }
+  startSave(std::move(save));
+}
+
+void Workspace::startSave(PendingSave save) {
+  m_saving = true;
+  auto document = makeDocument();
+  // The main thread is held until the document data is built, so this is the count
+  // of the edits that the file holds.
+  const long changesSaved = m_changeCount;
+  QPointer<Workspace> self(this);
+  const QUrl url = save.url;
+  auto completion = std::move(save.completion);
+  WorkspaceFile::saveInBackground(url, document, [self, url, changesSaved, completion](bool ok,
+                                                                                       const SavingError& error) {
+    if (self) {
+      self->m_saving = false;
+      if (ok) self->didSave(url, changesSaved);
+    }
+    if (completion) completion(ok, error);
+    if (self && !self->m_saving && !self->m_pendingSaves.empty()) {
+      PendingSave next = std::move(self->m_pendingSaves.front());
+      self->m_pendingSaves.erase(self->m_pendingSaves.begin());
+      self->startSave(std::move(next));
+    }
+  });
+}
+
+bool Workspace::writeToURL(const QUrl& url, SavingError* error) {
+  auto document = makeDocument();
+  const long changesSaved = m_changeCount;
+  SavingError failure;
+  if (!WorkspaceFile::writePackage(url, *document, &failure)) {
+    if (error) *error = failure;
+    return false;
+  }
+  didSave(url, changesSaved);
+  return true;
+}
+
+void Workspace::didSave(const QUrl& url, long changesSaved) {
+  setFileURL(url);
+  // Edits made while the media were collected are not in the file and stay marked.
+  const bool wasEdited = isDocumentEdited();
+  m_changeCount -= changesSaved;
+  if (wasEdited != isDocumentEdited()) emit documentEditedChanged();
+}
+
+// --- Reading, step by step ---
+
+void Workspace::setUndoRegistrationEnabled(bool enabled) {
+  if (enabled) {
+    m_undoManager.enableUndoRegistration();
+  } else {
+    m_undoManager.disableUndoRegistration();
+  }
+}
+
+std::string Workspace::audioDeviceUID() const { return m_audioDevice ? m_audioDevice->deviceUID() : std::string(); }
+
+bool Workspace::bindAudioDeviceWithUID(const std::string& uid) {
+  auto device = WorkspaceFile::openDeviceWithUID(uid);
+  if (!device) return false;
+  setAudioDevice(std::move(device));
+  return true;
+}
+
+void Workspace::setSettingsState(const QJsonObject& state) {
+  m_settings.setState(state);
+  emit settingsChanged();
+}
+
+void Workspace::didReadFromDisk() {
+  setReadFromDisk(true);
+  applyMasterVolumeToDevice();
 }

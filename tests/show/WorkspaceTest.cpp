@@ -137,13 +137,13 @@ TEST_F(WorkspaceTest, ImportsFollowLinkChainsAndRefuseLoops) {
 }
 
 TEST_F(WorkspaceTest, ContainsMediaFileComparesWithoutCase) {
-  workspace->setFilePath("/Shows/Friday.sonto");
+  workspace->setFileURL(QUrl::fromLocalFile("/Shows/Friday.sonto"));
   EXPECT_TRUE(workspace->containsMediaFile("/shows/friday.SONTO/Media/take.wav"));
   EXPECT_FALSE(workspace->containsMediaFile("/shows/thursday.sonto/Media/take.wav"));
   std::string upper = workspace->tmpPath();
   for (char& ch : upper) ch = char(std::toupper(static_cast<unsigned char>(ch)));
   EXPECT_TRUE(workspace->containsMediaFile(upper + "/x.wav"));
-  workspace->setFilePath("");
+  workspace->setFileURL(QUrl());
   EXPECT_FALSE(workspace->containsMediaFile("/anything"));
 }
 

@@ -75,7 +75,6 @@ TEST(KyoNotificationCenter, NestedPostsAndScopedObservers) {
 TEST(KyoNotificationCenter, PostsFromThreadsWhileObserversComeAndGo) {
   KyoNotificationCenter center;
   std::atomic<bool> stop{false};
-  std::atomic<long> delivered{0};
   std::vector<std::thread> posters;
   for (int t = 0; t < 3; ++t) {
     posters.emplace_back([&, t] {
@@ -88,9 +87,9 @@ TEST(KyoNotificationCenter, PostsFromThreadsWhileObserversComeAndGo) {
     churners.emplace_back([&] {
       for (int i = 0; i < 300; ++i) {
         auto* count = new std::atomic<int>(0);
-        auto token = center.addObserver("Tick", [count, &delivered](const KyoNotification& n) {
+        auto token = center.addObserver("Tick", [count](const KyoNotification& n) {
           count->fetch_add(1);
-          if (n.userInfoValue<int>("thread")) delivered.fetch_add(1);
+          EXPECT_NE(n.userInfoValue<int>("thread"), nullptr);
         });
         std::this_thread::yield();
         center.removeObserver(token);
@@ -114,5 +113,4 @@ TEST(KyoNotificationCenter, PostsFromThreadsWhileObserversComeAndGo) {
   EXPECT_EQ(center.observerCount(), 0u);
   EXPECT_GE(selfCalls.load(), 1);
   EXPECT_LE(selfCalls.load(), 3);  // at most one call per poster already under way
-  EXPECT_GE(delivered.load(), 0);
 }

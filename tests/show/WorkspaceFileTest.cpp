@@ -1,6 +1,6 @@
-// The workspace package written and read again: every field of every cue, carts,
-// settings, log and levels; old files; moved packages; the order in which a read
-// hands values to the workspace.
+// The workspace package at the file level: what writing does to cues and media, the
+// root's order, old files, media on another file system, the order in which a read
+// hands values to the workspace, the save thread.
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
@@ -14,8 +14,6 @@
 
 #include "show/ShowTestSupport.h"
 #include "support/TestFiles.h"
-#include "audio/KyoAudioComponentDescription.h"
-#include "effects/KyoEffect.h"
 #include "foundation/KyoClock.h"
 #include "show/WorkspaceFile.h"
 #include "show/WorkspaceSettings.h"
@@ -83,46 +81,18 @@ class WorkspaceFileTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(WorkspaceFileTest, ASavedShowOpensAsTheSameShow) {
+// What only the file level shows; the whole show through a workspace, settings,
+// effects and moved packages included, is the document test's.
+TEST_F(WorkspaceFileTest, WritingNamesTheMediaAndKeepsTheRootInOrder) {
   auto first = std::make_shared<Cart>();
   first->setName("Music");
-  first->setSize({5, 4});
   auto second = std::make_shared<Cart>();
-  second->setName("Effects ✓");
   second->setSize({3, 2});
-
-  auto a = mediaCue(media("take.wav", "AAAA"), "Intro \"quoted\"");
-  a->setHotkey("q");
-  a->setVolumeValue(0.15f);
-  a->setHold(true);
-  a->setLoopsValue(true);
-  a->setSolo(true);
-  a->setDucking(true);
-  a->setColor(SontoColor::orangeColor());
-  a->setMidiNote(61);
-  a->setMidiTriggerCommand(0x95);
-  a->setStartTimeValue(0.1);
-  a->setEndTimeValue(1.0 / 3.0);
-  a->setFlagged(true);
-  auto effect = KyoEffect::effectWithDescription(
-      KyoAudioComponentDescription(kAudioUnitType_Effect, "http://drobilla.net/plugins/mda/Delay"));
-  if (effect) {
-    effect->setDisplayName("Lobby delay");
-    a->addEffect(effect);
-  }
+  auto a = mediaCue(media("take.wav", "AAAA"), "Intro");
   auto b = mediaCue(media("b.flac", "BBBBBB"), "");
-  b->setVolumeValue(1e-7f);
-  b->setColor(SontoColor::blueColor());
   first->setCue(a, 0);
   first->setCue(b, 19);
   second->setCue(mediaCue(media("c.wav", "C"), "c"), 5);
-
-  auto logger = std::make_shared<SontoLogger>();
-  logger->setLog(std::vector<std::string>{"2026-01-01 10:00:00 - Intro (take.wav)", "line two\nwith newline"});
-  WorkspaceSettings settings;
-  settings.setMidiChannel(16);
-  settings.setPanicDuration(0.35f);
-  settings.clearHotkey(WorkspaceSettings::kDuckMasterTag);
 
   WorkspaceDocument written;
   written.version = "0.1.0";
@@ -130,11 +100,10 @@ TEST_F(WorkspaceFileTest, ASavedShowOpensAsTheSameShow) {
   written.deviceChannel = 3;
   written.carts = {first, second};
   written.locked = true;
-  written.ducked = false;
   written.masterVolume = 0.7f;
   written.duckedVolume = 0.3f;
-  written.settings = settings.state();
-  written.logger = logger;
+  written.settings = WorkspaceSettings().state();
+  written.logger = std::make_shared<SontoLogger>();
 
   const std::string package = root + "/Show.sonto";
   SavingError error;
@@ -146,13 +115,12 @@ TEST_F(WorkspaceFileTest, ASavedShowOpensAsTheSameShow) {
   EXPECT_EQ(a->file(), package + "/Media/take.wav");
   EXPECT_EQ(readBytes(package + "/Media/b.flac"), "BBBBBB");
 
-  // The root's keys come out in the order they are set.
   const std::string text = readBytes(package + "/document");
   EXPECT_EQ(text.rfind(R"({"version":"0.1.0","audioDeviceUID":"alsa:hw:CARD=X","deviceChannel":3,"carts":[)", 0),
             0u);
-  EXPECT_NE(text.find(R"("$class":"SontoCue")"), std::string::npos);
-  EXPECT_NE(text.find(R"("$class":"Sonto")"), std::string::npos);
-  EXPECT_NE(text.find(R"("$class":"SontoLogger")"), std::string::npos);
+  for (const char* name : {R"("$class":"SontoCue")", R"("$class":"Sonto")", R"("$class":"SontoLogger")"}) {
+    EXPECT_NE(text.find(name), std::string::npos) << name;
+  }
 
   WorkspaceDocument read;
   ASSERT_TRUE(WorkspaceFile::readPackage(urlOf(package), read, &error)) << error.message;
@@ -160,51 +128,11 @@ TEST_F(WorkspaceFileTest, ASavedShowOpensAsTheSameShow) {
   EXPECT_EQ(read.audioDeviceUID, written.audioDeviceUID);
   EXPECT_EQ(read.deviceChannel, 3);
   EXPECT_TRUE(read.locked);
-  EXPECT_FALSE(read.ducked);
   EXPECT_EQ(read.masterVolume, 0.7f);
   EXPECT_EQ(read.duckedVolume, 0.3f);
-  ASSERT_TRUE(read.logger);
-  EXPECT_EQ(read.logger->log(), logger->log());
-  WorkspaceSettings readSettings;
-  readSettings.setState(read.settings);
-  EXPECT_EQ(readSettings.midiChannel(), 16);
-  EXPECT_EQ(readSettings.panicDuration(), 0.35f);
-  EXPECT_TRUE(readSettings.duckMasterKey().isEmpty());
-
   ASSERT_EQ(read.carts.size(), 2u);
-  for (size_t i = 0; i < 2; ++i) {
-    const Cart& original = *written.carts[i];
-    const Cart& copy = *read.carts[i];
-    EXPECT_EQ(copy.name(), original.name());
-    EXPECT_EQ(copy.size(), original.size());
-    ASSERT_EQ(copy.cues().size(), original.cues().size());
-    for (const auto& [index, cue] : original.cues()) {
-      ASSERT_TRUE(copy.cues().count(index)) << index;
-      const auto& readCue = static_cast<const AudioCue&>(*copy.cues().at(index));
-      const auto& originalCue = static_cast<const AudioCue&>(*cue);
-      EXPECT_EQ(readCue.archive(), originalCue.archive()) << "cue " << index << " of cart " << i;
-      EXPECT_EQ(readCue.cart(), &copy);
-      EXPECT_EQ(readBytes(readCue.file()), readBytes(originalCue.file()));
-    }
-  }
-  if (effect) {
-    const auto& readA = static_cast<const AudioCue&>(*read.carts[0]->cues().at(0));
-    ASSERT_EQ(readA.effects()->size(), 1u);
-    EXPECT_EQ(readA.effects()->front()->properties(), effect->properties());
-    EXPECT_EQ(readA.effects()->front()->properties().displayName, "Lobby delay");
-  }
-
-  // Moved elsewhere, the package finds its media by the document paths alone.
-  const std::string moved = makeFolder("wf-moved") + "/Renamed.sonto";
-  ASSERT_EQ(rename(package.c_str(), moved.c_str()), 0);
-  WorkspaceDocument again;
-  ASSERT_TRUE(WorkspaceFile::readPackage(urlOf(moved), again, &error)) << error.message;
-  for (const auto& cart : again.carts) {
-    for (const auto& [index, cue] : cart->cues()) {
-      EXPECT_EQ(cue->file().rfind(moved + "/Media/", 0), 0u) << cue->file();
-      EXPECT_EQ(access(cue->file().c_str(), R_OK), 0) << cue->file();
-    }
-  }
+  EXPECT_EQ(read.carts[1]->size(), (CartSize{3, 2}));
+  EXPECT_EQ(readBytes(read.carts[0]->cueAtIndex(19)->file()), "BBBBBB");
 }
 
 TEST_F(WorkspaceFileTest, ResavingInPlaceKeepsMediaAndDropsDeadCues) {

@@ -93,52 +93,43 @@ size_t soundingFrames(const std::vector<float>& channel) {
 
 // --- Sample exactness and routing ---
 
-struct PlayCase {
-  const char* name;
-  double rate;
-  uint32_t bufferFrames;
-  uint32_t fileChannels;
-  float master;
-  bool monoToBoth;
-};
+TEST(KyoAudioSource, FileArrivesAtTheDeviceSampleForSample) {
+  const struct {
+    const char* name;
+    double rate;
+    uint32_t bufferFrames, fileChannels;
+    float master;
+    bool monoToBoth;
+  } cases[] = {{"stereo48k128", 48000, 128, 2, 1.0f, false}, {"stereo44k100", 44100, 100, 2, 0.5f, false},
+               {"stereo96k1024", 96000, 1024, 2, 0.25f, false}, {"mono48k64", 48000, 64, 1, 1.0f, false},
+               {"monoBoth48k333", 48000, 333, 1, 0.5f, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Device d(2, c.rate, c.bufferFrames);
+    ASSERT_TRUE(d.device && d.device->isOpen());
+    const int64_t frames = 9000;  // not a multiple of any buffer size tried
+    auto source = loadedSource(d, rampFile(std::string(c.name) + ".wav", c.rate, c.fileChannels, frames));
+    EXPECT_EQ(source->fileChannels(), c.fileChannels);
+    EXPECT_EQ(source->mixerInChannels(), c.fileChannels);
+    EXPECT_EQ(source->mixerOutChannels(), kKyoLogicalChannels);
+    source->setMasterVolume(c.master);
+    if (c.monoToBoth) source->setVolume(1.0f, 1, 2);  // input 0 to logical channel 1 as well
 
-class SourcePlayTest : public ::testing::TestWithParam<PlayCase> {};
-
-TEST_P(SourcePlayTest, FileArrivesAtTheDeviceSampleForSample) {
-  const PlayCase& c = GetParam();
-  Device d(2, c.rate, c.bufferFrames);
-  ASSERT_TRUE(d.device && d.device->isOpen());
-  const int64_t frames = 9000;  // not a multiple of any buffer size tried
-  auto source = loadedSource(d, rampFile(std::string(c.name) + ".wav", c.rate, c.fileChannels, frames));
-  ASSERT_TRUE(source);
-  EXPECT_EQ(source->fileChannels(), c.fileChannels);
-  EXPECT_EQ(source->mixerInChannels(), c.fileChannels);
-  EXPECT_EQ(source->mixerOutChannels(), kKyoLogicalChannels);
-  source->setMasterVolume(c.master);
-  if (c.monoToBoth) source->setVolume(1.0f, 1, 2);  // input 0 to logical channel 1 as well
-
-  source->play();
-  EXPECT_TRUE(source->isPlaying());
-  const uint32_t cycles = uint32_t(frames / c.bufferFrames) + 3;
-  auto rec = d.record(cycles);
-  ASSERT_EQ(rec.size(), 2u);
-  ASSERT_EQ(rec[0].size(), size_t(cycles) * c.bufferFrames);
-  for (uint32_t out = 0; out < 2; ++out) {
-    const bool routed = out < c.fileChannels || c.monoToBoth;
-    const uint32_t fileChannel = c.fileChannels == 1 ? 0 : out;
-    expectFrames(
-        rec[out], [&](int64_t i) { return routed && i < frames ? rampSample(i, fileChannel) * c.master : 0.0f; },
-        "channel " + std::to_string(out));
+    source->play();
+    EXPECT_TRUE(source->isPlaying());
+    const uint32_t cycles = uint32_t(frames / c.bufferFrames) + 3;
+    auto rec = d.record(cycles);
+    ASSERT_EQ(rec.size(), 2u);
+    ASSERT_EQ(rec[0].size(), size_t(cycles) * c.bufferFrames);
+    for (uint32_t out = 0; out < 2; ++out) {
+      const bool routed = out < c.fileChannels || c.monoToBoth;
+      const uint32_t fileChannel = c.fileChannels == 1 ? 0 : out;
+      expectFrames(
+          rec[out], [&](int64_t i) { return routed && i < frames ? rampSample(i, fileChannel) * c.master : 0.0f; },
+          "channel " + std::to_string(out));
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(Shapes, SourcePlayTest,
-                         ::testing::Values(PlayCase{"stereo48k128", 48000, 128, 2, 1.0f, false},
-                                           PlayCase{"stereo44k100", 44100, 100, 2, 0.5f, false},
-                                           PlayCase{"stereo96k1024", 96000, 1024, 2, 0.25f, false},
-                                           PlayCase{"mono48k64", 48000, 64, 1, 1.0f, false},
-                                           PlayCase{"monoBoth48k333", 48000, 333, 1, 0.5f, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(KyoAudioSource, SlicesSurviveARebuildAndPlayFromTheirFirstFrame) {
   Device d(2, 48000, 128);

@@ -53,13 +53,7 @@ TEST(KyoAudioComponentDescription, EqualityHashAndState) {
   EXPECT_EQ(KyoAudioComponentDescription::descriptionWithState({}).uri(), "");
 }
 
-TEST(KyoAudioComponentDescription, MatrixMixerAndFallbackName) {
-  KyoAudioComponentDescription mixer = KyoAudioComponentDescription::appleMatrixMixer();
-  EXPECT_EQ(mixer.type(), KyoFourCC("aumx"));
-  EXPECT_EQ(mixer.uri(), kKyoMatrixMixerURI);
-  EXPECT_EQ(mixer, KyoAudioComponentDescription::appleMatrixMixer());
-  EXPECT_EQ(mixer.name(), std::string("aumx: ") + kKyoMatrixMixerURI);
-
+TEST(KyoAudioComponentDescription, FallbackName) {
   KyoAudioComponentDescription d(kAudioUnitType_Effect, "urn:a");
   d.setName("Reverb");
   EXPECT_EQ(d.name(), "Reverb");

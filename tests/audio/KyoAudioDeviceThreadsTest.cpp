@@ -150,6 +150,12 @@ TEST(AudioDeviceThreads, EngageCountsUsersAndOpensOnceAndClosesWithTheLast) {
   // One more disengage than engages doesn't go below zero.
   dev.device->disengage();
   EXPECT_EQ(dev.device->engaged(), 0);
+  // Opened without engaging, a disengage at zero closes it; bus 500 is no bus.
+  ASSERT_TRUE(dev.device->open());
+  EXPECT_EQ(dev.device->_setEnabled(true, kKyoBusCount), 0);
+  dev.device->disengage();
+  EXPECT_FALSE(dev.device->isOpen());
+  EXPECT_EQ(dev.device->engaged(), 0);
   dev.device->setDelegate(nullptr);
 }
 

@@ -60,14 +60,10 @@ TEST(KyoEffect, ComponentNamesAndNearestChannelCounts) {
     const char* text;
     const char* manufacturer;
     const char* name;
-  } names[] = {
-      {"Sonto Tests: Test Gain", "Sonto Tests", "Test Gain"},
-      {"Maker:Name", "Maker", "Name"},
-      {"No Colon Here", "Unknown", "No Colon Here"},
-      {"A: B: C", "Unknown", "A: B: C"},  // neither rule gives two parts
-      {"A:B:C", "Unknown", "A:B:C"},
-      {"", "Unknown", ""},
-  };
+  } names[] = {  // "A: B: C" and "A:B:C": neither rule gives two parts
+      {"Sonto Tests: Test Gain", "Sonto Tests", "Test Gain"}, {"Maker:Name", "Maker", "Name"},
+      {"No Colon Here", "Unknown", "No Colon Here"},          {"A: B: C", "Unknown", "A: B: C"},
+      {"A:B:C", "Unknown", "A:B:C"},                          {"", "Unknown", ""}};
   for (const auto& c : names) {
     std::string manufacturer, name;
     KyoEffect::splitComponentName(c.text, &manufacturer, &name);
@@ -80,16 +76,12 @@ TEST(KyoEffect, ComponentNamesAndNearestChannelCounts) {
     bool input;
     uint32_t answer;
   } counts[] = {
-      {{{1, 1}, {2, 2}}, 6, true, 2},
-      {{{-1, -1}}, 6, true, 6},
-      {{{-4, -4}}, 6, true, 4},
-      {{{-4, -4}}, 3, true, 3},
+      {{{1, 1}, {2, 2}}, 6, true, 2}, {{{-1, -1}}, 6, true, 6}, {{{-4, -4}}, 6, true, 4},
+      {{{-4, -4}}, 3, true, 3},       {{{1, 1}, {3, 3}}, 2, true, 1}, {{{-2, -1}}, 8, true, 8},
+      {{}, 2, true, 0},
       {{{0, 2}}, 1, true, 0},          // as near as the start value: stays 0
       {{{0, 2}, {2, 2}}, 1, true, 0},  // 2 is no nearer than 0: in a tie the earlier stands
-      {{{1, 1}, {3, 3}}, 2, true, 1},
-      {{{-2, -1}}, 8, true, 8},
-      {{}, 2, true, 0},
-      {{{2, 1}}, 3, false, 1},  // the output side looks at the second value
+      {{{2, 1}}, 3, false, 1},         // the output side looks at the second value
       {{{2, 1}}, 3, true, 2},
   };
   for (const auto& c : counts) {

@@ -25,10 +25,8 @@ TEST(KyoHotKey, CaptureRefusesKeysThatCannotBeHotKeysAndLeavesTheValue) {
       {"command", event(KyoKeyCode::kB, u"b", KyoKeyEvent::kCommand)},
       {"up arrow", event(KyoKeyCode::kUpArrow, u"\xF700")},
       {"right arrow with shift", event(KyoKeyCode::kRightArrow, u"\xF703", KyoKeyEvent::kShift)},
-      {"no character", event(KyoKeyCode::kShift, u"")},
-      {"tab", event(KyoKeyCode::kTab, u"\t")},
-      {"newline", event(KyoKeyCode::kReturn, u"\n")},
-      {"return", event(KyoKeyCode::kReturn, u"\r")},
+      {"no character", event(KyoKeyCode::kShift, u"")},    {"tab", event(KyoKeyCode::kTab, u"\t")},
+      {"newline", event(KyoKeyCode::kReturn, u"\n")},      {"return", event(KyoKeyCode::kReturn, u"\r")},
       {"escape", event(KyoKeyCode::kEscape, u"\x1b")},
   };
   for (const auto& c : refused) {

@@ -24,40 +24,24 @@ TEST(KyoTimeNotation, FormatsWithRoundingAndCarry) {
     bool forcePositive;
     const char* text;
   };
-  const double year = 31536000.0;
+  const double year = 31536000.0, inf = std::numeric_limits<double>::infinity();
   const Case cases[] = {
-      {0.0, 2, false, true, "00:00.00"},
-      {65.5, 2, false, true, "01:05.50"},
-      {3661.25, 2, false, true, "01:01:01.25"},
-      {3661.25, 2, true, true, "01:01:01.25"},
-      {5.0, 2, true, true, "00:00:05.00"},
-      {-2.0, 2, false, true, "00:00.00"},
-      {-2.0, 2, false, false, "-00:02.00"},
-      {-3661.5, 1, true, false, "-01:01:01.5"},
-      {0.999, 2, false, true, "00:01.00"},
-      {0.994, 2, false, true, "00:00.99"},
-      {9.996, 2, false, true, "00:10.00"},
-      {59.999, 2, false, true, "01:00.00"},
-      {599.999, 2, false, true, "10:00.00"},
-      {3599.999, 2, false, true, "01:00:00.00"},
-      {3599.999, 3, false, true, "59:59.999"},
-      {35999.999, 2, false, true, "10:00:00.00"},
-      {1.5, 0, false, true, "00:02"},
-      {1.49, 0, false, true, "00:01"},
-      {59.5, 0, false, true, "01:00"},
-      {9.0, 0, false, true, "00:09"},
-      {10.0, 0, false, true, "00:10"},
-      {600.0, 2, false, true, "10:00.00"},
-      {0.05, 1, false, true, "00:00.1"},
-      {0.0001, 4, false, true, "00:00.0001"},
-      {0.123456, 6, false, true, "00:00.123456"},
-      {360000.0, 2, false, true, "100:00:00.00"},
-      {year, 2, false, true, "8760:00:00.00"},
-      {year * 10, 2, false, true, "8760:00:00.00"},
-      {std::numeric_limits<double>::infinity(), 2, false, true, "8760:00:00.00"},
-      {-std::numeric_limits<double>::infinity(), 2, false, true, "00:00.00"},
-      {-std::numeric_limits<double>::infinity(), 2, false, false, "-8760:00:00.00"},
-      {std::nan(""), 2, false, false, "00:00.00"},
+      {0.0, 2, false, true, "00:00.00"},          {65.5, 2, false, true, "01:05.50"},
+      {3661.25, 2, false, true, "01:01:01.25"},   {3661.25, 2, true, true, "01:01:01.25"},
+      {5.0, 2, true, true, "00:00:05.00"},        {-2.0, 2, false, true, "00:00.00"},
+      {-2.0, 2, false, false, "-00:02.00"},       {-3661.5, 1, true, false, "-01:01:01.5"},
+      {0.999, 2, false, true, "00:01.00"},        {0.994, 2, false, true, "00:00.99"},
+      {9.996, 2, false, true, "00:10.00"},        {59.999, 2, false, true, "01:00.00"},
+      {599.999, 2, false, true, "10:00.00"},      {3599.999, 2, false, true, "01:00:00.00"},
+      {3599.999, 3, false, true, "59:59.999"},    {35999.999, 2, false, true, "10:00:00.00"},
+      {1.5, 0, false, true, "00:02"},             {1.49, 0, false, true, "00:01"},
+      {59.5, 0, false, true, "01:00"},            {9.0, 0, false, true, "00:09"},
+      {10.0, 0, false, true, "00:10"},            {600.0, 2, false, true, "10:00.00"},
+      {0.05, 1, false, true, "00:00.1"},          {0.0001, 4, false, true, "00:00.0001"},
+      {0.123456, 6, false, true, "00:00.123456"}, {360000.0, 2, false, true, "100:00:00.00"},
+      {year, 2, false, true, "8760:00:00.00"},    {year * 10, 2, false, true, "8760:00:00.00"},
+      {inf, 2, false, true, "8760:00:00.00"},     {-inf, 2, false, true, "00:00.00"},
+      {-inf, 2, false, false, "-8760:00:00.00"},  {std::nan(""), 2, false, false, "00:00.00"},
       {1.25, -3, false, true, "00:01"},  // places below 0 read as 0
   };
   for (const auto& c : cases) {
@@ -88,30 +72,13 @@ TEST(KyoTimeNotation, ParsesOddInput) {
     const char* text;
     double seconds;
   };
+  // Left of the hours is ignored; a sign inside counts only as a magnitude.
   const Case cases[] = {
-      {"", 0.0},
-      {"1:05.50", 65.5},
-      {"-1:05.50", -65.5},
-      {"90", 90.0},
-      {"1:2:3", 3723.0},
-      {"a:b", 0.0},
-      {"9:1:2:3", 3723.0},  // left of the hours is ignored
-      {"1:-2:3", 3723.0},   // a sign inside counts only as a magnitude
-      {"-1:-2:-3", -3723.0},
-      {" 2:05", 125.0},
-      {":30", 30.0},
-      {"5:", 300.0},
-      {"::", 0.0},
-      {"1.5e1", 15.0},
-      {"inf", 0.0},
-      {"nan:30", 30.0},
-      {"0x10", 0.0},
-      {"12abc", 12.0},
-      {"1,5", 1.0},
-      {"+7", 7.0},
-      {"1e999", 0.0},
-      {"00:00:00.00", 0.0},
-      {"8760:00:00.00", 31536000.0},
+      {"", 0.0},         {"1:05.50", 65.5},  {"-1:05.50", -65.5},  {"90", 90.0},          {"1:2:3", 3723.0},
+      {"a:b", 0.0},      {"9:1:2:3", 3723.0}, {"1:-2:3", 3723.0},  {"-1:-2:-3", -3723.0}, {" 2:05", 125.0},
+      {":30", 30.0},     {"5:", 300.0},      {"::", 0.0},          {"1.5e1", 15.0},       {"inf", 0.0},
+      {"nan:30", 30.0},  {"0x10", 0.0},      {"12abc", 12.0},      {"1,5", 1.0},          {"+7", 7.0},
+      {"1e999", 0.0},    {"00:00:00.00", 0.0}, {"8760:00:00.00", 31536000.0},
   };
   for (const auto& c : cases) EXPECT_DOUBLE_EQ(secondsFromFormattedString(c.text), c.seconds) << c.text;
 }
@@ -198,16 +165,10 @@ TEST(KyoCollections, MoveObjectAt) {
     size_t from, to;
     std::vector<char> result;
   };
-  const Case cases[] = {
-      {0, 2, {'b', 'a', 'c'}},  // up: ends at to - 1
-      {2, 0, {'c', 'a', 'b'}},  // down: ends at to
-      {1, 1, {'a', 'b', 'c'}},
-      {0, 3, {'b', 'c', 'a'}},  // past the end appends
-      {0, 99, {'b', 'c', 'a'}},
-      {2, 3, {'a', 'b', 'c'}},
-      {3, 0, {'a', 'b', 'c'}},  // invalid from: nothing
-      {1, 0, {'b', 'a', 'c'}},
-  };
+  // Up ends at to - 1, down at to; past the end appends; an invalid from does nothing.
+  const Case cases[] = {{0, 2, {'b', 'a', 'c'}}, {2, 0, {'c', 'a', 'b'}},  {1, 1, {'a', 'b', 'c'}},
+                        {0, 3, {'b', 'c', 'a'}}, {0, 99, {'b', 'c', 'a'}}, {2, 3, {'a', 'b', 'c'}},
+                        {3, 0, {'a', 'b', 'c'}}, {1, 0, {'b', 'a', 'c'}}};
   for (const auto& c : cases) {
     std::vector<char> v{'a', 'b', 'c'};
     moveObjectAt(v, c.from, c.to);

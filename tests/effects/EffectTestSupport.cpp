@@ -4,16 +4,50 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include "foundation/KyoLog.h"
+#include "support/TestFiles.h"
 
 namespace {
-// The world reads LV2_PATH once, on first use; set it before any test runs.
+
+// The gtest filter this process was started with, from its command line; empty
+// when it runs every test.
+std::string gtestFilter() {
+  std::ifstream in("/proc/self/cmdline", std::ios::binary);
+  std::string argument;
+  while (std::getline(in, argument, '\0')) {
+    if (argument.rfind("--gtest_filter=", 0) == 0) return argument.substr(15);
+  }
+  return {};
+}
+
+// The world reads LV2_PATH once, on first use; set it before any test runs. The
+// installed plugins come through a folder of links that leaves out LSP's bundle:
+// reading its hundreds of plugin descriptions costs seconds of CPU in every test
+// process (and far more under the sanitizers). The catalogue-wide test, a run of
+// the whole binary, and SONTO_TEST_ALL_PLUGINS=1 see everything.
 const bool kPathSet = [] {
-  std::string path = std::string(SONTO_LV2_FIXTURE_PATH) + ":/usr/lib/lv2";
+  const std::string filter = gtestFilter();
+  const char* all = std::getenv("SONTO_TEST_ALL_PLUGINS");
+  const bool everything = filter.empty() || filter.find("EveryCatalogued") != std::string::npos ||
+                          (all && std::string(all) == "1");
+  std::string installed = "/usr/lib/lv2";
+  if (!everything) {
+    installed = sonto::test::temporaryPath("lv2-installed");
+    std::error_code ignored;
+    std::filesystem::create_directories(installed, ignored);
+    for (const auto& bundle : std::filesystem::directory_iterator("/usr/lib/lv2", ignored)) {
+      if (bundle.path().filename() == "lsp-plugins.lv2") continue;
+      std::filesystem::create_directory_symlink(bundle.path(), installed / bundle.path().filename(), ignored);
+    }
+  }
+  const std::string path = std::string(SONTO_LV2_FIXTURE_PATH) + ":" + installed;
   setenv("LV2_PATH", path.c_str(), 1);
   return true;
 }();
+
 }  // namespace
 
 namespace sonto::test {

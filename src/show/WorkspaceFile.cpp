@@ -382,7 +382,13 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
 
   // First pass: names in the new Media folder, which is empty at this point, so two
   // cues with one file name share one media file.
-  std::map<std::string, std::shared_ptr<AudioCue>> cuesByTarget;
+  // The source path is taken here, while the main thread is held: after the archive
+  // the operator may change a cue's file beside this thread.
+  struct Collected {
+    std::shared_ptr<AudioCue> cue;
+    std::string source;
+  };
+  std::map<std::string, Collected> cuesByTarget;
   for (const auto& cart : document.carts) {
     if (!cart) continue;
     std::vector<const Cue*> dead;
@@ -403,7 +409,7 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
         name = nameWithSuffix(name, i);
       }
       audioCue->setDocumentPath(name);
-      cuesByTarget[staging + "/" + name] = audioCue;
+      cuesByTarget[staging + "/" + name] = Collected{audioCue, audioCue->file()};
     }
     for (const Cue* cue : dead) cart->removeCue(cue);
   }
@@ -417,13 +423,17 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
   }
   step("document");
 
-  for (const auto& [path, cue] : cuesByTarget) {
-    const std::string file = cue->file();
+  for (const auto& [path, collected] : cuesByTarget) {
+    const std::string& file = collected.source;
     if (link(file.c_str(), path.c_str()) != 0 && !copyFileDurably(file, path)) {
       return failAndClean(5, format("Error - failed to save media file from %s to %s: %s", file.c_str(),
                                     path.c_str(), errnoText(errno).c_str()));
     }
-    cue->setSaved(true);
+    if (hooks.markSaved) {
+      hooks.markSaved(collected.cue);
+    } else {
+      collected.cue->setSaved(true);
+    }
     step("media");
   }
   if (!syncPath(media, true) || !syncPath(staging, true)) {
@@ -485,6 +495,12 @@ void saveInBackground(const QUrl& url, std::shared_ptr<WorkspaceDocument> docume
       if (hooks.unblockUserInteraction) hooks.unblockUserInteraction();
       unblock();
     };
+    // Queued ahead of the completion, so the cues are marked when it runs.
+    if (!threadHooks.markSaved) {
+      threadHooks.markSaved = [](const std::shared_ptr<AudioCue>& cue) {
+        KyoCurrentClock().runOnMain([cue] { cue->setSaved(true); }, false);
+      };
+    }
     SavingError error;
     const bool ok = writePackage(url, *document, &error, threadHooks);
     unblock();

@@ -79,6 +79,10 @@ struct WorkspaceWriteHooks {
   std::function<void()> unblockUserInteraction;
   // Test hook: called between the steps of a save with a short name of the step.
   std::function<void(const char* step)> didReachStep;
+  // Marks a cue saved once its media file is in the package; empty: at once, on the
+  // thread of the save. A save in the background hands it to the main thread, where
+  // the cue's observers live.
+  std::function<void(const std::shared_ptr<AudioCue>& cue)> markSaved;
 };
 
 namespace WorkspaceFile {

@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <thread>
 #include <unistd.h>
 
 #include "ShowTestSupport.h"
@@ -407,7 +408,14 @@ TEST_F(DocumentTest, TheEditedMarkCountsEditsUndoAndWhatASaveHolds) {
   // An edit made while the save collects its media is not in the file: it stays marked.
   auto cart = std::make_shared<Cart>();
   workspace->addCart(cart);
-  importCue(*workspace, *cart, "during", 0);
+  auto during = importCue(*workspace, *cart, "during", 0);
+  // The cue's observers (the window) hear of it on the main thread only.
+  const auto mainThread = std::this_thread::get_id();
+  int savedOffMain = 0, savedMarks = 0;
+  QObject::connect(during.get(), &AudioCue::savedChanged, [&] {
+    ++savedMarks;
+    savedOffMain += std::this_thread::get_id() != mainThread;
+  });
   std::vector<std::string> completions;
   int urlChanges = 0;
   QObject::connect(workspace.get(), &Workspace::fileURLChanged, [&] { ++urlChanges; });
@@ -418,6 +426,9 @@ TEST_F(DocumentTest, TheEditedMarkCountsEditsUndoAndWhatASaveHolds) {
   time.clock->settle();
   ASSERT_EQ(completions, std::vector<std::string>{"first"});
   EXPECT_EQ(workspace->displayName(), "First");
+  EXPECT_TRUE(during->saved());
+  EXPECT_GT(savedMarks, 0);
+  EXPECT_EQ(savedOffMain, 0);
   EXPECT_TRUE(workspace->isDocumentEdited());
   workspace->undoManager()->undo();
   EXPECT_FALSE(workspace->isDocumentEdited()) << "undoing the late edit gives the saved state";

@@ -53,7 +53,8 @@ void LogController::setLogger(std::shared_ptr<SontoLogger> logger) {
           if (QThread::currentThread() == thread()) {
             refreshLog();
           } else {
-            QMetaObject::invokeMethod(this, [this] { refreshLog(); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                this, [this] { refreshLog(); }, Qt::QueuedConnection);
           }
         },
         m_logger.get());

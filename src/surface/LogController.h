@@ -4,7 +4,6 @@
 // A window of its own even when it has a parent. Main thread only.
 
 #include <QWidget>
-
 #include <memory>
 
 #include "foundation/KyoNotificationCenter.h"

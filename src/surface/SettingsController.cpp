@@ -13,7 +13,6 @@
 #include <QPushButton>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
-
 #include <charconv>
 #include <cmath>
 
@@ -24,10 +23,14 @@ namespace {
 // Index of a clear button in m_clearButtons; -1 for a tag without one.
 int clearButtonSlot(int tag) {
   switch (tag) {
-    case WorkspaceSettings::kPauseAllTag: return 0;
-    case WorkspaceSettings::kResumeAllTag: return 1;
-    case WorkspaceSettings::kDuckMasterTag: return 2;
-    default: return -1;
+    case WorkspaceSettings::kPauseAllTag:
+      return 0;
+    case WorkspaceSettings::kResumeAllTag:
+      return 1;
+    case WorkspaceSettings::kDuckMasterTag:
+      return 2;
+    default:
+      return -1;
   }
 }
 

@@ -7,7 +7,6 @@
 #include <QDialog>
 #include <QJsonObject>
 #include <QString>
-
 #include <functional>
 
 #include "show/WorkspaceSettings.h"

@@ -2,7 +2,6 @@
 
 #include <QKeyEvent>
 #include <QPainter>
-
 #include <any>
 
 #include "foundation/KyoEnvironment.h"

@@ -1,7 +1,6 @@
-#include "audio/KyoAudioBufferList.h"
-
 #include <gtest/gtest.h>
 
+#include "audio/KyoAudioBufferList.h"
 #include "support/EncodedFiles.h"
 
 using sonto::test::ListHolder;

@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "FillGate.h"
 #include "audio/KyoAudioBuffer.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoLog.h"
 #include "support/EncodedFiles.h"
-#include "FillGate.h"
 #include "support/TestFiles.h"
 #include "support/Waiting.h"
 

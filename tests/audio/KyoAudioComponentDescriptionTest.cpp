@@ -1,8 +1,8 @@
-#include "audio/KyoAudioComponentDescription.h"
-
 #include <gtest/gtest.h>
 
 #include <unordered_set>
+
+#include "audio/KyoAudioComponentDescription.h"
 
 TEST(KyoAudioComponentDescription, KindsByType) {
   struct Case {
@@ -10,8 +10,8 @@ TEST(KyoAudioComponentDescription, KindsByType) {
     bool midi, effect, instrument, player;
   };
   const Case cases[] = {
-      {"aufx", false, true, false, false}, {"aumf", true, true, false, false},
-      {"aumu", true, false, true, false},  {"augn", false, false, false, true},
+      {"aufx", false, true, false, false},  {"aumf", true, true, false, false},
+      {"aumu", true, false, true, false},   {"augn", false, false, false, true},
       {"aumx", false, false, false, false}, {"\0\0\0\0", false, false, false, false},
   };
   for (const auto& c : cases) {

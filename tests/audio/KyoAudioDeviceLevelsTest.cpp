@@ -55,9 +55,9 @@ TEST(AudioDeviceFadeCurve, RaisedCosineEndsAndMiddle) {
     double duration, elapsed;
     float expected;
   } cases[] = {
-      {1.0f, 0.0f, 1.0, 0.0, 1.0f},   {1.0f, 0.0f, 1.0, 0.5, 0.5f},      {1.0f, 0.0f, 1.0, 1.0, 0.0f},
-      {1.0f, 0.0f, 1.0, 2.0, 0.0f},   {0.0f, 1.0f, 2.0, 0.5, 0.146447f}, {0.2f, 0.6f, 1.0, 0.25, 0.258579f},
-      {0.3f, 0.9f, 0.0, 0.0, 0.9f},   {0.3f, 0.9f, -1.0, 0.0, 0.9f},
+      {1.0f, 0.0f, 1.0, 0.0, 1.0f}, {1.0f, 0.0f, 1.0, 0.5, 0.5f},      {1.0f, 0.0f, 1.0, 1.0, 0.0f},
+      {1.0f, 0.0f, 1.0, 2.0, 0.0f}, {0.0f, 1.0f, 2.0, 0.5, 0.146447f}, {0.2f, 0.6f, 1.0, 0.25, 0.258579f},
+      {0.3f, 0.9f, 0.0, 0.0, 0.9f}, {0.3f, 0.9f, -1.0, 0.0, 0.9f},
   };
   for (const auto& c : cases)
     EXPECT_NEAR(KyoAudioDevice::_computeFadeWithStartVolume(c.from, c.to, c.duration, c.elapsed), c.expected, 1e-5)

@@ -7,8 +7,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,16 +27,14 @@ class TestSource : public KyoAudioAttachable {
     Sine,      // m_value * sin(2 pi m_frequency n / m_rate)
   };
 
-  TestSource(KyoAudioDevice* device, std::vector<uint32_t> channels, Signal signal = Signal::Ramp,
-             float value = 1.0f)
+  TestSource(KyoAudioDevice* device, std::vector<uint32_t> channels, Signal signal = Signal::Ramp, float value = 1.0f)
       : m_device(device), m_channels(std::move(channels)), m_signal(signal), m_value(value) {}
 
   KyoAudioDevice* device() const override { return m_device; }
   std::string description() const override { return "[test source]"; }
   void registerRenderInfo(KyoRenderInfo* info) override { KyoRegisterRenderInfo(this, info); }
 
-  int32_t render(uint32_t* flags, const KyoAudioTimeStamp*, uint32_t, uint32_t frames,
-                 AudioBufferList* data) override {
+  int32_t render(uint32_t* flags, const KyoAudioTimeStamp*, uint32_t, uint32_t frames, AudioBufferList* data) override {
     m_renders.fetch_add(1, std::memory_order_relaxed);
     const bool mark = (*flags & kKyoRenderAction_MarkSilentChannels) != 0;
     const bool playing = m_playing.load(std::memory_order_relaxed);
@@ -97,6 +95,18 @@ class TestSource : public KyoAudioAttachable {
   std::atomic<bool> m_playing{false};
   std::atomic<uint64_t> m_renders{0};
   uint64_t m_position = 0;  // render thread only
+};
+
+// Counts what a device tells its delegate, on whichever thread it tells it.
+struct DeviceWatch : KyoAudioDeviceDelegate {
+  std::atomic<int> opened{0}, closed{0}, died{0};
+  std::atomic<bool> wasOpenWhenTold{true};
+  void audioDeviceDidOpen(KyoAudioDevice*) override { opened++; }
+  void audioDeviceDidClose(KyoAudioDevice*) override { closed++; }
+  void audioDeviceDidDie(KyoAudioDevice* device) override {
+    wasOpenWhenTold.store(device->isOpen());
+    died++;
+  }
 };
 
 // True when samples [from, to) all equal value; else which one does not.

@@ -8,12 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "support/AllocationCounter.h"
 #include "KyoAudioDeviceTestSupport.h"
 #include "foundation/KyoNotificationCenter.h"
+#include "support/AllocationCounter.h"
 
-using sonto::test::OfflineDevice;
-using sonto::test::TestSource;
+using namespace sonto::test;
 
 namespace {
 
@@ -131,11 +130,7 @@ TEST(AudioDeviceThreads, CloseWhileRenderingReturnsAndTheRenderThreadSeesTheStop
 
 TEST(AudioDeviceThreads, EngageCountsUsersAndOpensOnceAndClosesWithTheLast) {
   OfflineDevice dev{2, 48000.0, 64};
-  struct Counter : KyoAudioDeviceDelegate {
-    std::atomic<int> opened{0}, closed{0};
-    void audioDeviceDidOpen(KyoAudioDevice*) override { opened++; }
-    void audioDeviceDidClose(KyoAudioDevice*) override { closed++; }
-  } counter;
+  DeviceWatch counter;
   dev.device->setDelegate(&counter);
   dev.device->engage();
   dev.device->engage();
@@ -161,16 +156,6 @@ TEST(AudioDeviceThreads, EngageCountsUsersAndOpensOnceAndClosesWithTheLast) {
 
 // --- Death ---
 
-struct DeathWatch : KyoAudioDeviceDelegate {
-  std::atomic<int> died{0}, closed{0};
-  std::atomic<bool> wasOpenWhenTold{true};
-  void audioDeviceDidDie(KyoAudioDevice* device) override {
-    wasOpenWhenTold.store(device->isOpen());
-    died++;
-  }
-  void audioDeviceDidClose(KyoAudioDevice*) override { closed++; }
-};
-
 // The device layer reports a death as a change of 'livn' on its listener thread, which
 // reaches the device as its property notification; this posts the same from a thread
 // of its own while cycles render.
@@ -189,7 +174,7 @@ void reportDeath(KyoAudioDevice* device) {
 
 TEST(AudioDeviceDeath, ADeadDeviceClosesItselfAndTellsItsDelegateWithoutHanging) {
   OfflineDevice dev{2, 48000.0, 64};
-  DeathWatch watch;
+  DeviceWatch watch;
   dev.device->setDelegate(&watch);
   ASSERT_TRUE(dev.device->open());
   auto s = std::make_shared<TestSource>(dev.device.get(), std::vector<uint32_t>{0});
@@ -213,7 +198,7 @@ TEST(AudioDeviceDeath, ADeadDeviceClosesItselfAndTellsItsDelegateWithoutHanging)
 
 TEST(AudioDeviceDeath, NewsOfAnotherDeviceOrAClosedDeviceIsHandledQuietly) {
   OfflineDevice a{2, 48000.0, 64}, b{2, 48000.0, 64};
-  DeathWatch watchA, watchB;
+  DeviceWatch watchA, watchB;
   a.device->setDelegate(&watchA);
   b.device->setDelegate(&watchB);
   ASSERT_TRUE(a.device->open());

@@ -174,7 +174,8 @@ TEST(KyoAudioFileBadInputTest, FilesThatAreNotAudioAreRefusedWithTheFallbacksLin
   for (uint8_t& byte : noise) byte = uint8_t(random());
   std::string film = temporaryPath("film-source.mp4");
   ASSERT_EQ(run("ffmpeg -nostdin -hide_banner -loglevel error -y -f lavfi -i color=c=black:s=64x48:r=25:d=1 "
-                "-c:v mpeg4 '" + film + "'"),
+                "-c:v mpeg4 '" +
+                film + "'"),
             0);
 
   struct Case {

@@ -155,14 +155,14 @@ TEST(KyoAudioFileTest, RateConversionKeepsTimeAndSeeksMatchAStraightRead) {
     double fileRate, readRate;
     uint32_t channels;
   };
-  const RateCase cases[] = {{44100, 48000, 2}, {48000, 44100, 1}, {96000, 44100, 2}, {22050, 48000, 1},
-                            {192000, 48000, 1}, {44100, 44101, 1}};
+  const RateCase cases[] = {{44100, 48000, 2}, {48000, 44100, 1},  {96000, 44100, 2},
+                            {22050, 48000, 1}, {192000, 48000, 1}, {44100, 44101, 1}};
   for (const RateCase& rc : cases) {
     SCOPED_TRACE(std::to_string(rc.fileRate) + " -> " + std::to_string(rc.readRate));
     const int64_t frames = int64_t(rc.fileRate * 1.5);
     const double hz = 440.0;
-    std::string path = temporaryPath("sine-" + std::to_string(int(rc.fileRate)) + "-" +
-                                     std::to_string(int(rc.readRate)) + ".wav");
+    std::string path =
+        temporaryPath("sine-" + std::to_string(int(rc.fileRate)) + "-" + std::to_string(int(rc.readRate)) + ".wav");
     ASSERT_TRUE(writeSineWav(path, rc.fileRate, rc.channels, frames, hz));
 
     auto file = openFile(path);
@@ -178,8 +178,8 @@ TEST(KyoAudioFileTest, RateConversionKeepsTimeAndSeeksMatchAStraightRead) {
         worst = std::max(worst, double(std::fabs(straight[c][i] - sineSample(double(i) / rc.readRate, hz, c))));
     EXPECT_LT(worst, 1e-3);
 
-    for (int64_t frame : {int64_t(0), int64_t(1), int64_t(100), int64_t(2047), int64_t(12345), frames / 2,
-                          frames - 3000}) {
+    for (int64_t frame :
+         {int64_t(0), int64_t(1), int64_t(100), int64_t(2047), int64_t(12345), frames / 2, frames - 3000}) {
       SCOPED_TRACE(frame);
       file->goToFrame(frame);
       Channels got = readSome(*file, rc.channels, 2000, 777);

@@ -199,9 +199,10 @@ void playAndCompare(const std::shared_ptr<KyoAlias>& alias, const Channels& refe
         float expected = frame < 0 ? 0.0f : reference[c][size_t(frame)];
         float got = list.channel(c)[i];
         if (got != expected && mismatches++ == 0)
-          firstMismatch = (testing::Message() << "output frame " << output + i << " channel " << c
-                                              << ": expected file frame " << frame << " (" << expected << "), got "
-                                              << got).GetString();
+          firstMismatch =
+              (testing::Message() << "output frame " << output + i << " channel " << c << ": expected file frame "
+                                  << frame << " (" << expected << "), got " << got)
+                  .GetString();
       }
       wraps += wrapped;
     }
@@ -339,9 +340,14 @@ TEST(KyoAudioMetaBufferTest, SeekPositionsAreExactForHugeValues) {
   };
   const int64_t loop = 4999;
   const int64_t huge = int64_t(1) << 50;  // frames; the seconds stay exact in a double
-  const Seek cases[] = {{0, 0},           {4409, 4409},           {4499, 4499},
-                        {4500, 4500},     {4500 + loop - 1, 4500 + loop - 1},
-                        {4500 + loop, 4500}, {4500 + 7 * loop + 123, 4500 + 123}, {huge, 4500 + (huge - 4500) % loop}};
+  const Seek cases[] = {{0, 0},
+                        {4409, 4409},
+                        {4499, 4499},
+                        {4500, 4500},
+                        {4500 + loop - 1, 4500 + loop - 1},
+                        {4500 + loop, 4500},
+                        {4500 + 7 * loop + 123, 4500 + 123},
+                        {huge, 4500 + (huge - 4500) % loop}};
   for (const Seek& c : cases) {
     SCOPED_TRACE(c.seekFrames);
     player->goToTime(double(c.seekFrames) / kRate);

@@ -1,11 +1,10 @@
-#include "audio/KyoAudioRingBuffer.h"
-
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <thread>
 #include <vector>
 
+#include "audio/KyoAudioRingBuffer.h"
 #include "support/EncodedFiles.h"
 
 using sonto::test::ListHolder;
@@ -35,8 +34,7 @@ void fill(AudioBufferList* list, uint32_t channels, uint32_t offset, uint32_t fr
 }
 
 // Answers the index of the first wrong frame, or -1.
-int64_t firstMismatch(AudioBufferList* list, uint32_t channels, uint32_t offset, uint32_t frames,
-                      uint64_t firstValue) {
+int64_t firstMismatch(AudioBufferList* list, uint32_t channels, uint32_t offset, uint32_t frames, uint64_t firstValue) {
   for (uint32_t i = 0; i < frames; ++i)
     for (uint32_t c = 0; c < channels; ++c)
       if (sampleAt(list, offset + i, c) != valueOf(firstValue + i, c)) return i;

@@ -1,8 +1,8 @@
-#include "audio/KyoAudioStreamDescription.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
+
+#include "audio/KyoAudioStreamDescription.h"
 
 TEST(KyoAudioStreamDescription, CanonicalFormatAndNormalizedSizes) {
   KyoAudioStreamDescription d;

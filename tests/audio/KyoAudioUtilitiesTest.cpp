@@ -1,9 +1,9 @@
-#include "audio/KyoAudioUtilities.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <thread>
+
+#include "audio/KyoAudioUtilities.h"
 
 TEST(KyoAudioUtilities, DecibelsAndLinearGain) {
   KyoAudioUtilities u;
@@ -38,7 +38,7 @@ TEST(KyoAudioUtilities, AbsoluteFader) {
   const Case toDb[] = {{0.0, -120.0}, {-0.5, -120.0}, {1e-9, -120.0}, {0.1, -55.0}, {1.0, 0.0},
                        {1.125, 6.0},  {1.25, 12.0},   {2.0, 12.0},    {1e9, 12.0}};
   for (const auto& c : toDb) EXPECT_NEAR(u.sliderToDb(c.slider, true), c.db, 1e-12) << c.slider;
-  const Case toSlider[] = {{1.25, 12.0}, {1.25, 20.0}, {1.125, 6.0}, {1.0, 0.0},
+  const Case toSlider[] = {{1.25, 12.0}, {1.25, 20.0},  {1.125, 6.0}, {1.0, 0.0},
                            {0.1, -55.0}, {0.0, -120.0}, {0.0, -200.0}};
   for (const auto& c : toSlider) EXPECT_NEAR(u.dbToSlider(c.db, true), c.slider, 1e-12) << c.db;
 
@@ -85,11 +85,11 @@ TEST(KyoAudioUtilities, TextForms) {
     double db;
   };
   const Case cases[] = {
-      {std::nullopt, -120.0}, {"", -120.0},  {"-inf", -120.0}, {"-INF", -120.0}, {"-Inf", -120.0},
-      {"inf", -120.0},        {"6", -6.0},   {"+6", 6.0},      {"-6", -6.0},     {"6.5", -6.5},
-      {".5", -0.5},           {"0", 0.0},    {"-0", 0.0},      {"+0", 0.0},      {"loud", -120.0},
-      {"6dB", -120.0},        {"--6", -120.0}, {"+-6", -120.0}, {"6.5.1", -120.0}, {" 6", -120.0},
-      {"1e3", -120.0},        {"-", -120.0}, {"+", -120.0},    {"200", -200.0},  {"+200", 200.0},
+      {std::nullopt, -120.0}, {"", -120.0},    {"-inf", -120.0}, {"-INF", -120.0},  {"-Inf", -120.0},
+      {"inf", -120.0},        {"6", -6.0},     {"+6", 6.0},      {"-6", -6.0},      {"6.5", -6.5},
+      {".5", -0.5},           {"0", 0.0},      {"-0", 0.0},      {"+0", 0.0},       {"loud", -120.0},
+      {"6dB", -120.0},        {"--6", -120.0}, {"+-6", -120.0},  {"6.5.1", -120.0}, {" 6", -120.0},
+      {"1e3", -120.0},        {"-", -120.0},   {"+", -120.0},    {"200", -200.0},   {"+200", 200.0},
   };
   for (const auto& c : cases) {
     const double db = made.dbLevelForObjectValue(c.text);

@@ -15,7 +15,8 @@ namespace {
 void echoProc(void* client, uint32_t frames, const AudioBufferList* input, AudioBufferList* output, double) {
   static_cast<std::atomic<int>*>(client)->fetch_add(1);
   for (uint32_t c = 0; input && c < output->mNumberBuffers && c < input->mNumberBuffers; ++c)
-    std::copy_n(static_cast<const float*>(input->mBuffers[c].mData), frames, static_cast<float*>(output->mBuffers[c].mData));
+    std::copy_n(static_cast<const float*>(input->mBuffers[c].mData), frames,
+                static_cast<float*>(output->mBuffers[c].mData));
 }
 
 class OfflineDevice {
@@ -116,7 +117,8 @@ TEST(KyoHALOffline, RefusesBadShapesAndMisuse) {
   };
   for (Bad b : {Bad{0, 48000, 512}, Bad{2, 0, 512}, Bad{2, NAN, 512}, Bad{2, -48000, 512}, Bad{2, 48000, 0},
                 Bad{2, 48000, 1u << 30}, Bad{100000, 48000, 512}})
-    EXPECT_EQ(hal.createOfflineDevice(b.channels, b.rate, b.frames), 0u) << b.channels << " " << b.rate << " " << b.frames;
+    EXPECT_EQ(hal.createOfflineDevice(b.channels, b.rate, b.frames), 0u)
+        << b.channels << " " << b.rate << " " << b.frames;
 
   OfflineDevice device(2, 48000, 32);
   Cycles cycles;

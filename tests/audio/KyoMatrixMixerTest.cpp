@@ -1,13 +1,13 @@
 // The matrix mixer alone, pulled by hand: gains to the sample, silence skipped,
 // outputs shared by several busses, meters, and bad addresses.
 
-#include "audio/KyoMatrixMixer.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <vector>
+
+#include "audio/KyoMatrixMixer.h"
 
 namespace {
 
@@ -17,8 +17,8 @@ constexpr uint32_t kFrames = 64;
 // flagged as silence.
 struct Feed {
   float base = 1.0f;
-  bool silentFlag = false;        // answer OutputIsSilence with garbage in the buffers
-  int markChannel = -1;           // mark this channel silent, with garbage in it
+  bool silentFlag = false;  // answer OutputIsSilence with garbage in the buffers
+  int markChannel = -1;     // mark this channel silent, with garbage in it
   int pulls = 0;
   uint32_t lastBus = 0xFFFF;
 
@@ -97,11 +97,11 @@ TEST_F(MatrixMixerTest, EveryGainStageScalesToTheSample) {
   unity();
   // Input channels carry: bus0 10, 20; bus1 20; bus2 30, 60.
   crosspoint(0, 0, 1.0f);
-  crosspoint(1, 0, 0.5f);   // 20 * 0.5 = 10 into out 0
-  crosspoint(2, 1, 0.25f);  // 20 * 0.25 = 5 into out 1
-  crosspoint(4, 1, 2.0f);   // 60 * 2 = 120 into out 1
-  set(0, kKyoAudioUnitScope_Input, 4, 0.5f);                          // 120 -> 60
-  set(0, kKyoAudioUnitScope_Output, 1, 0.5f);                         // (5 + 60) * 0.5
+  crosspoint(1, 0, 0.5f);                                                   // 20 * 0.5 = 10 into out 0
+  crosspoint(2, 1, 0.25f);                                                  // 20 * 0.25 = 5 into out 1
+  crosspoint(4, 1, 2.0f);                                                   // 60 * 2 = 120 into out 1
+  set(0, kKyoAudioUnitScope_Input, 4, 0.5f);                                // 120 -> 60
+  set(0, kKyoAudioUnitScope_Output, 1, 0.5f);                               // (5 + 60) * 0.5
   set(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, 2.0f);  // everything doubled
 
   Output out(3);
@@ -169,23 +169,24 @@ TEST_F(MatrixMixerTest, LevelMatrixRoundTripsAndRefusesAWrongSize) {
 
   std::vector<float> levels(6 * 4);
   size = uint32_t(levels.size() * sizeof(float));
-  ASSERT_EQ(mixer.getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), &size), 0);
+  ASSERT_EQ(mixer.getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), &size),
+            0);
   EXPECT_FLOAT_EQ(levels[3 * 4 + 2], 0.75f);  // row 3, column 2
   EXPECT_FLOAT_EQ(levels[3 * 4 + 3], 1.0f);   // input volume at the row's end
   EXPECT_FLOAT_EQ(levels.back(), 1.0f);       // master last
 
   levels[3 * 4 + 2] = 0.125f;
   levels.back() = 0.5f;
-  ASSERT_EQ(mixer.setProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), size), 0);
+  ASSERT_EQ(mixer.setProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), size),
+            0);
   float v = 0;
   ASSERT_EQ(mixer.getParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::crosspointElement(3, 2), &v), 0);
   EXPECT_FLOAT_EQ(v, 0.125f);
   ASSERT_EQ(mixer.getParameter(0, kKyoAudioUnitScope_Global, KyoMatrixMixer::kMasterElement, &v), 0);
   EXPECT_FLOAT_EQ(v, 0.5f);
 
-  EXPECT_NE(mixer.setProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(),
-                              size - 4),
-            0);
+  EXPECT_NE(
+      mixer.setProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), size - 4), 0);
   size = 8;
   EXPECT_NE(mixer.getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), &size),
             0);

@@ -185,8 +185,7 @@ TEST(KyoStreamChain, AChainPulledByHandGivesTheExactSamplesAndARemovedNodeCutsIt
   for (uint32_t c = 0; c < 2; ++c) {
     ASSERT_EQ(mixer->setParameter(M::kParameterVolume, kKyoAudioUnitScope_Input, c, 1.0f), 0);
     ASSERT_EQ(mixer->setParameter(M::kParameterVolume, kKyoAudioUnitScope_Output, c, 1.0f), 0);
-    ASSERT_EQ(mixer->setParameter(M::kParameterVolume, kKyoAudioUnitScope_Global, M::crosspointElement(c, 1 - c),
-                                  1.0f),
+    ASSERT_EQ(mixer->setParameter(M::kParameterVolume, kKyoAudioUnitScope_Global, M::crosspointElement(c, 1 - c), 1.0f),
               0);
   }
 

@@ -13,6 +13,7 @@
 #include "foundation/KyoLog.h"
 #include "foundation/KyoNotificationCenter.h"
 #include "show/AudioCue.h"
+#include "show/AudioCueSourceKyo.h"
 #include "show/SontoMIDIMessage.h"
 #include "show/SontoQtClock.h"
 #include "surface/SontoDocumentController.h"
@@ -98,15 +99,17 @@ void Sonto::initializeMIDI() {
   m_midiInitialized = true;
 }
 
+// The one entry point of all MIDI, on the main thread: every open show, in the
+// order they were opened, gets the whole batch through its window.
 void Sonto::takeMIDIMessages(const KyoMIDIMessages& messages) {
-  std::vector<SontoMIDIMessage> batch;
-  batch.reserve(messages.size());
-  for (const KyoMIDIMessage& message : messages) batch.push_back({message.status, message.data1, message.data2});
-  SontoDocumentController::sharedDocumentController().takeMIDIMessages(batch);
+  SontoDocumentController::sharedDocumentController().takeMIDIMessages(messages);
 }
 
-// Every cue of every show stops at once; nothing else is torn down by hand.
+// Every cue of every show stops at once; nothing else is torn down by hand. The MIDI
+// inputs go first, so that no batch arrives at a show that is going.
 void Sonto::applicationWillTerminate() {
+  if (m_portInputStream) m_portInputStream->setMessageDestination(nullptr);
+  if (m_virtualInputStream) m_virtualInputStream->setMessageDestination(nullptr);
   KyoNotificationCenter::defaultCenter().postNotification(AudioCue::kHardStopNotification, this);
 }
 
@@ -116,6 +119,8 @@ int sontoRunApplication(int argc, char** argv) {
   KyoInstallClock(std::make_shared<SontoQtClock>());
   application.initialize();
   SontoTheme::apply(application);
+  // Every cue made from here on sounds through the engine, on its workspace's device.
+  AudioCueSourceKyo::install();
   application.applicationDidFinishLaunching();
 
   auto& documents = SontoDocumentController::sharedDocumentController();

@@ -1,38 +1,53 @@
 #include "surface/GridController.h"
 
 #include <QFileInfo>
+#include <QPointer>
+#include <QProgressDialog>
 
 #include "audio/KyoAudioFile.h"
 #include "foundation/KyoAlias.h"
+#include "foundation/KyoClock.h"
 #include "foundation/KyoLog.h"
 #include "show/AudioCue.h"
 #include "show/Cue.h"
 #include "show/SontoUndoManager.h"
 #include "surface/CueCellController.h"
 #include "surface/GridView.h"
+#include "show/Workspace.h"
 #include "surface/SontoAlerts.h"
-#include "surface/SontoDocument.h"
 #include "surface/WorkspaceController.h"
 
-GridController::GridController(Cart* cart, WorkspaceController* workspaceController)
-    : m_gridView(new GridView), m_cart(cart), m_workspaceController(workspaceController) {
+struct GridController::Import {
+  QStringList paths;
+  int next = 0;  // the path to take next
+  unsigned running = 0;
+  bool withDefaultTriggers = false;
+  int made = 0;
+  bool cancelled = false;
+};
+
+GridController::GridController(std::shared_ptr<Cart> cart, WorkspaceController* workspaceController)
+    : m_gridView(new GridView), m_cart(std::move(cart)), m_workspaceController(workspaceController) {
   m_gridView->setController(this);
   reloadData();
   if (isLocked()) lockCart();
 }
 
 GridController::~GridController() {
+  // A copy still running finds no import to go on with.
+  m_import.reset();
+  delete m_progress;
   if (SontoUndoManager* undo = undoManager()) undo->removeAllActionsWithTarget(this);
   m_gridView->setController(nullptr);
   m_gridView->reset();
 }
 
-SontoDocument* GridController::workspace() const {
+Workspace* GridController::workspace() const {
   return m_workspaceController ? m_workspaceController->workspace() : nullptr;
 }
 
 SontoUndoManager* GridController::undoManager() const {
-  SontoDocument* document = workspace();
+  Workspace* document = workspace();
   return document ? document->undoManager() : nullptr;
 }
 
@@ -151,8 +166,12 @@ unsigned GridController::findEmptyCellAtIndex(unsigned start) const {
 
 void GridController::handlePasteCue(std::shared_ptr<AudioCue> cue) {
   if (!cue) return;
-  SontoDocument* document = workspace();
-  // The media stays where it is until the show keeps a media folder of its own.
+  Workspace* document = workspace();
+  // A file already in this show is not copied again.
+  if (document && !document->containsMediaFile(cue->file())) {
+    const std::string copied = document->copyFileIntoTmp(cue->file());
+    if (!copied.empty()) cue->setFile(copied);
+  }
   cue->updateFile(cue->file());
   cue->setAudioDevice(document ? document->audioDevice() : nullptr);
   const unsigned selected = m_gridView->selectedIndex();
@@ -256,10 +275,12 @@ void GridController::gridViewDidSelectItemAtIndex(unsigned index) {
 }
 
 void GridController::gridViewDidDropCue(std::shared_ptr<AudioCue> cue, unsigned index) {
-  if (!cue || cue->file().empty()) return;
-  SontoDocument* document = workspace();
-  cue->updateFile(cue->file());
-  cue->setAudioDevice(document ? document->audioDevice() : nullptr);
+  Workspace* document = workspace();
+  if (!cue || cue->file().empty() || !document) return;
+  const std::string copied = document->copyFileIntoTmp(cue->file());
+  if (copied.empty()) return;
+  cue->updateFile(copied);
+  cue->setAudioDevice(document->audioDevice());
   addCue(cue, index);
 }
 
@@ -295,27 +316,78 @@ void GridController::gridViewDidCopyCueFromIndex(unsigned from, unsigned to) {
   reloadData();
 }
 
-int GridController::gridViewDroppedFiles(const QStringList& paths, unsigned index, bool withDefaultTriggers) {
-  int made = 0;
-  unsigned running = index;
-  for (const QString& path : paths) {
-    const std::string file = path.toStdString();
-    // A file that is no audio file ends the import; what came before it stays.
-    KyoAudioFile check(KyoAlias::aliasWithPath(file));
-    if (!check.validFile()) {
-      KyoLog("Import of \"%s\" stopped: not an audio file", file.c_str());
-      break;
-    }
-    makeCueForFile(file, running, withDefaultTriggers);
-    ++made;
-    running = findEmptyCellAtIndex(running);
-    if (running == kNotFound) break;
+void GridController::gridViewDroppedFiles(const QStringList& paths, unsigned index, bool withDefaultTriggers) {
+  if (paths.isEmpty() || m_import || !workspace()) {
+    emit importFinished(0);
+    return;
   }
-  return made;
+  m_import = std::make_shared<Import>();
+  m_import->paths = paths;
+  m_import->running = index;
+  m_import->withDefaultTriggers = withDefaultTriggers;
+  // Shows only once the import has run for a while. Not modal: a modal one pumps
+  // the event loop inside setValue, where the window could close under the import.
+  m_progress = new QProgressDialog(QStringLiteral("Importing media"), QStringLiteral("Cancel"), 0,
+                                   static_cast<int>(paths.size()), m_workspaceController);
+  m_progress->setWindowModality(Qt::NonModal);
+  m_progress->setMinimumDuration(kImportProgressDelayMs);
+  m_progress->setAutoClose(false);
+  m_progress->setAutoReset(false);
+  std::shared_ptr<Import> import = m_import;
+  connect(m_progress, &QProgressDialog::canceled, this, [import] { import->cancelled = true; });
+  importNext();
+}
+
+void GridController::importNext() {
+  std::shared_ptr<Import> import = m_import;
+  Workspace* document = workspace();
+  if (!import) return;
+  if (!document || import->cancelled || import->next >= import->paths.size() || import->running == kNotFound) {
+    return finishImport();
+  }
+  if (m_progress) m_progress->setValue(import->next);
+  const std::string file = import->paths[import->next++].toStdString();
+  // A file that is no audio file ends the import; what came before it stays.
+  KyoAudioFile check(KyoAlias::aliasWithPath(file));
+  if (!check.validFile()) {
+    KyoLog("Import of \"%s\" stopped: not an audio file", file.c_str());
+    return finishImport();
+  }
+  // The copy runs off the main thread so that a long import keeps the window and
+  // the show alive. The worker holds the workspace and hands it back to the main
+  // thread, where it is released.
+  std::shared_ptr<Workspace> keep = m_workspaceController ? m_workspaceController->sharedWorkspace() : nullptr;
+  if (!keep) return finishImport();
+  QPointer<GridController> self(this);
+  KyoCurrentClock().detachThread([keep, file, self, import]() mutable {
+    std::string copied = keep->copyFileIntoTmp(file);
+    KyoCurrentClock().runOnMain(
+        [keep = std::move(keep), copied = std::move(copied), self, import] {
+          // The grid went away, or began another import, while the file was copied.
+          if (!self || self->m_import != import) return;
+          if (copied.empty()) return self->finishImport();
+          self->makeCueForFile(copied, import->running, import->withDefaultTriggers);
+          ++import->made;
+          import->running = self->findEmptyCellAtIndex(import->running);
+          self->importNext();
+        },
+        false);
+  });
+}
+
+void GridController::finishImport() {
+  const int made = m_import ? m_import->made : 0;
+  m_import.reset();
+  if (m_progress) {
+    m_progress->hide();
+    m_progress->deleteLater();
+    m_progress = nullptr;
+  }
+  emit importFinished(made);
 }
 
 void GridController::makeCueForFile(const std::string& path, unsigned index, bool withDefaultTriggers) {
-  SontoDocument* document = workspace();
+  Workspace* document = workspace();
   std::shared_ptr<AudioCue> cue = AudioCue::createWithFile(path, document ? document->audioDevice() : nullptr);
   if (!cue) return;
   const bool wasSelected = m_gridView->selectedIndex() == index;

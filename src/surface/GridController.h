@@ -18,8 +18,9 @@
 class AudioCue;
 class Cue;
 class GridView;
-class SontoDocument;
+class QProgressDialog;
 class SontoUndoManager;
+class Workspace;
 class WorkspaceController;
 
 class GridController : public QObject {
@@ -29,13 +30,13 @@ class GridController : public QObject {
   static constexpr unsigned kNotFound = 0x7FFFFFFF;
 
   // The grid view is made here and handed to the caller's layout as a widget.
-  GridController(Cart* cart, WorkspaceController* workspaceController);
+  GridController(std::shared_ptr<Cart> cart, WorkspaceController* workspaceController);
   ~GridController() override;
 
   GridView* gridView() const { return m_gridView; }
-  Cart* cart() const { return m_cart; }
+  Cart* cart() const { return m_cart.get(); }
   WorkspaceController* workspaceController() const { return m_workspaceController; }
-  SontoDocument* workspace() const;
+  Workspace* workspace() const;
   SontoUndoManager* undoManager() const;
 
   void reloadData();
@@ -76,9 +77,15 @@ class GridController : public QObject {
   bool gridViewShouldSelectItemAtIndex(unsigned index) const;
   void gridViewDidSelectItemAtIndex(unsigned index);
   void gridViewDidDropCue(std::shared_ptr<AudioCue> cue, unsigned index);
-  // Stops at the first file that is no audio file; those before it stay. Answers
-  // how many cues were made.
-  int gridViewDroppedFiles(const QStringList& paths, unsigned index, bool withDefaultTriggers);
+  // Media import: each file is checked, copied into the workspace's temporary
+  // folder on a worker thread and made a cue on the main thread, one after the
+  // other, into the next free slots. The first file that is no audio file, or
+  // that cannot be copied, ends the import; the cues made before it stay. Returns
+  // at once; importFinished tells how many cues were made.
+  void gridViewDroppedFiles(const QStringList& paths, unsigned index, bool withDefaultTriggers);
+  bool isImporting() const { return m_import != nullptr; }
+  // Seconds an import runs before its progress shows.
+  static constexpr int kImportProgressDelayMs = 500;
   void gridViewDidMoveCueFromIndex(unsigned from, unsigned to);
   void gridViewDidCopyCueFromIndex(unsigned from, unsigned to);
   std::string defaultHotkeyForIndex(unsigned index) const;
@@ -87,13 +94,22 @@ class GridController : public QObject {
 
   std::string description() const;
 
+ signals:
+  void importFinished(int cuesMade);
+
  private:
+  struct Import;
+  // The next file of the running import, or its end.
+  void importNext();
+  void finishImport();
   void setCartSizeUndoable(CartSize size);
   void setCartNameUndoable(const std::string& name);
   // The cue of a file dropped on a slot, replacing what is there.
   void makeCueForFile(const std::string& path, unsigned index, bool withDefaultTriggers);
 
   GridView* m_gridView;
-  Cart* m_cart;
+  std::shared_ptr<Cart> m_cart;
   WorkspaceController* m_workspaceController;
+  std::shared_ptr<Import> m_import;
+  QProgressDialog* m_progress = nullptr;
 };

@@ -1,13 +1,35 @@
 #include "surface/SontoAlerts.h"
 
+#include <QDir>
+#include <QFileDialog>
+#include <QFileInfo>
 #include <QMessageBox>
 #include <QPushButton>
+
+#include "show/WorkspaceFile.h"
 
 namespace SontoAlerts {
 namespace {
 std::function<void(const QString&, const QString&)> g_alertHandler;
 std::function<Answer(const QString&, bool)> g_saveHandler;
+std::function<QStringList()> g_openPanelHandler;
+std::function<QString(const QString&)> g_savePanelHandler;
+
+const QString kShowFilter = QStringLiteral("Sonto shows (*.sonto)");
+
+// A package is a folder: the panel picks folders, and a pick of the "document"
+// inside one stands for its package.
+QString packageOf(const QString& path) {
+  const QFileInfo info(path);
+  if (info.isFile() && info.fileName() == QString::fromLatin1(WorkspaceFile::kDocumentName)) {
+    return info.absolutePath();
+  }
+  return info.absoluteFilePath();
+}
 }  // namespace
+
+void setOpenPanelHandler(std::function<QStringList()> handler) { g_openPanelHandler = std::move(handler); }
+void setSavePanelHandler(std::function<QString(const QString&)> handler) { g_savePanelHandler = std::move(handler); }
 
 void setAlertHandler(std::function<void(const QString&, const QString&)> handler) {
   g_alertHandler = std::move(handler);
@@ -40,6 +62,44 @@ Answer askToSaveChanges(QWidget* parent, const QString& documentName, bool canSa
   if (save && box.clickedButton() == save) return Answer::Save;
   if (box.clickedButton() == dontSave) return Answer::DontSave;
   return Answer::Cancel;
+}
+
+void showSavingError(QWidget* parent, const SavingError& error) {
+  const QString message = QString::fromStdString(error.message);
+  if (g_alertHandler) return g_alertHandler(message, QString());
+  QMessageBox box(parent);
+  box.setIcon(QMessageBox::Warning);
+  box.setText(message);
+  for (const std::string& option : error.recoveryOptions) {
+    box.addButton(QString::fromStdString(option), QMessageBox::AcceptRole);
+  }
+  if (error.recoveryOptions.empty()) box.addButton(QStringLiteral("OK"), QMessageBox::AcceptRole);
+  box.exec();
+}
+
+QStringList chooseShowsToOpen(QWidget* parent) {
+  if (g_openPanelHandler) return g_openPanelHandler();
+  QFileDialog panel(parent, QStringLiteral("Open"));
+  panel.setAcceptMode(QFileDialog::AcceptOpen);
+  panel.setFileMode(QFileDialog::Directory);
+  panel.setNameFilter(kShowFilter);
+  panel.setOption(QFileDialog::ShowDirsOnly, false);
+  if (panel.exec() != QDialog::Accepted) return {};
+  QStringList paths;
+  for (const QString& path : panel.selectedFiles()) paths << packageOf(path);
+  return paths;
+}
+
+QString chooseSaveLocation(QWidget* parent, const QString& suggestedName) {
+  if (g_savePanelHandler) return g_savePanelHandler(suggestedName);
+  QFileDialog panel(parent, QStringLiteral("Save As"));
+  panel.setAcceptMode(QFileDialog::AcceptSave);
+  panel.setFileMode(QFileDialog::AnyFile);
+  panel.setNameFilter(kShowFilter);
+  panel.setDefaultSuffix(QString::fromLatin1(WorkspaceFile::kExtension));
+  panel.selectFile(suggestedName + QStringLiteral(".") + QString::fromLatin1(WorkspaceFile::kExtension));
+  if (panel.exec() != QDialog::Accepted || panel.selectedFiles().isEmpty()) return {};
+  return panel.selectedFiles().first();
 }
 
 }  // namespace SontoAlerts

@@ -3,10 +3,12 @@
 // them instead of a person. Main thread only.
 
 #include <QString>
+#include <QStringList>
 
 #include <functional>
 
 class QWidget;
+struct SavingError;
 
 namespace SontoAlerts {
 
@@ -16,9 +18,17 @@ enum class Answer { Save, DontSave, Cancel };
 void showAlert(QWidget* parent, const QString& message, const QString& informativeText);
 // The unsaved-changes question; Save is offered only when the document can be saved.
 Answer askToSaveChanges(QWidget* parent, const QString& documentName, bool canSave);
+// A failed save or read: its message and its one button, "OK".
+void showSavingError(QWidget* parent, const SavingError& error);
+// The open panel: show packages ("Name.sonto" folders) to open; empty when cancelled.
+QStringList chooseShowsToOpen(QWidget* parent);
+// The save panel: the path of the package to write; empty when cancelled.
+QString chooseSaveLocation(QWidget* parent, const QString& suggestedName);
 
 // Tests take the place of the dialogs; an empty function restores them.
 void setAlertHandler(std::function<void(const QString& message, const QString& informativeText)> handler);
 void setSaveQuestionHandler(std::function<Answer(const QString& documentName, bool canSave)> handler);
+void setOpenPanelHandler(std::function<QStringList()> handler);
+void setSavePanelHandler(std::function<QString(const QString& suggestedName)> handler);
 
 }  // namespace SontoAlerts

@@ -6,36 +6,56 @@
 #include <QObject>
 #include <QStringList>
 
+#include <functional>
+#include <memory>
 #include <vector>
 
+#include "audio/KyoMIDIInput.h"
 #include "show/SontoMIDIMessage.h"
 
+class QWidget;
+class Workspace;
 class WorkspaceController;
 
 class SontoDocumentController : public QObject {
   Q_OBJECT
 
  public:
+  static constexpr const char* kRecentDocumentsKey = "SontoRecentDocuments";
+  static constexpr int kMaxRecentDocuments = 10;
+
   static SontoDocumentController& sharedDocumentController();
 
   const std::vector<WorkspaceController*>& documents() const { return m_documents; }
 
   // An untitled show with "Cart 1", shown.
   WorkspaceController* newDocument();
-  // Reading show files needs the workspace file reader; until it is in, every path
-  // is refused with a line on standard error. Answers the windows opened.
-  int openDocuments(const QStringList& paths);
-  static bool canOpenDocuments();
-  static bool canSaveDocuments();
+  // The open panel, then the packages chosen.
+  void openDocument(QWidget* parent);
+  // Each package in its own window; one already open comes to the front instead.
+  // A package that cannot be read shows why and opens nothing. Answers the windows
+  // opened or brought forward.
+  int openDocuments(const QStringList& paths, QWidget* parent = nullptr);
+  // The window of the package at the path, if it is open.
+  WorkspaceController* documentForPath(const QString& path) const;
 
   // Every open show gets every message, in the order of the list.
   void takeMIDIMessages(const std::vector<SontoMIDIMessage>& messages);
+  void takeMIDIMessages(const KyoMIDIMessages& messages);
   // Panic in every show.
   void panicAll();
   // Closes every window; false when the operator kept one open.
   bool closeAll();
 
+  // Most recent first, at most ten, kept in the user's settings.
   QStringList recentDocuments() const;
+  void noteRecentDocument(const QString& path);
+  void clearRecentDocuments();
+
+  // How a new or opened show gets its workspace; by default one on the default
+  // output device. Tests put their own devices here; an empty function restores it.
+  void setWorkspaceFactory(std::function<std::shared_ptr<Workspace>()> factory);
+  std::shared_ptr<Workspace> makeWorkspace() const;
 
   // Windows register themselves as they open and leave as they close.
   void addDocument(WorkspaceController* document);
@@ -46,5 +66,8 @@ class SontoDocumentController : public QObject {
 
  private:
   SontoDocumentController() = default;
+  WorkspaceController* showWindow(std::shared_ptr<Workspace> workspace);
+
   std::vector<WorkspaceController*> m_documents;
+  std::function<std::shared_ptr<Workspace>()> m_workspaceFactory;
 };

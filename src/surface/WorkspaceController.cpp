@@ -5,6 +5,7 @@
 #include <QButtonGroup>
 #include <QClipboard>
 #include <QCloseEvent>
+#include <QFileInfo>
 #include <QHBoxLayout>
 #include <QInputDialog>
 #include <QLineEdit>
@@ -20,18 +21,23 @@
 #include <QTabWidget>
 #include <QVBoxLayout>
 
+#include <algorithm>
 #include <cmath>
 
+#include "audio/KyoAudioDevice.h"
 #include "foundation/KyoEnvironment.h"
 #include "foundation/KyoKeyCodes.h"
 #include "foundation/KyoLog.h"
 #include "show/AudioCue.h"
 #include "show/Cue.h"
+#include "show/Workspace.h"
+#include "show/WorkspaceFile.h"
 #include "surface/CueCellController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "surface/LogController.h"
+#include "surface/SettingsController.h"
 #include "surface/SontoAlerts.h"
-#include "surface/SontoDocument.h"
 #include "surface/SontoDocumentController.h"
 #include "surface/SontoKeyEvents.h"
 
@@ -39,8 +45,8 @@ namespace {
 constexpr int kVolumeSteps = 1000;  // slider positions per unit of linear gain
 }
 
-WorkspaceController::WorkspaceController(std::unique_ptr<SontoDocument> document)
-    : m_workspace(document.get()), m_document(std::move(document)) {
+WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
+    : m_workspace(workspace.get()), m_document(std::move(workspace)) {
   setAttribute(Qt::WA_DeleteOnClose, false);
   resize(1000, 720);
 
@@ -76,20 +82,21 @@ WorkspaceController::WorkspaceController(std::unique_ptr<SontoDocument> document
 
   buildMenus();
 
-  for (const auto& cart : m_workspace->carts()) {
-    m_gridControllers.push_back(std::make_unique<GridController>(cart.get(), this));
-    addTabForCartController(m_gridControllers.back().get());
-  }
+  // A new show starts with "Cart 1"; a read one brings its own carts.
+  m_workspace->addFirstCartIfNeeded(!m_workspace->fileURL().isEmpty());
+  syncGridControllers();
   if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
   connect(m_tabView, &QTabWidget::currentChanged, this, [this] { makeCartFirstResponder(); });
 
-  m_volumeSlider->setValue(static_cast<int>(std::lround(m_workspace->masterVolume() * kVolumeSteps)));
+  updateVolumeSlider();
   updatePauseButton();
   updateDuckingButton();
-  connect(m_workspace, &SontoDocument::pausedChanged, this, &WorkspaceController::updatePauseButton);
-  connect(m_workspace, &SontoDocument::duckedChanged, this, &WorkspaceController::updateDuckingButton);
-  connect(m_workspace, &SontoDocument::documentEditedChanged, this, &WorkspaceController::updateTitle);
-  connect(m_workspace, &SontoDocument::fileNameChanged, this, &WorkspaceController::updateTitle);
+  connect(m_workspace, &Workspace::pausedChanged, this, &WorkspaceController::updatePauseButton);
+  connect(m_workspace, &Workspace::duckedChanged, this, &WorkspaceController::updateDuckingButton);
+  connect(m_workspace, &Workspace::masterVolumeChanged, this, &WorkspaceController::updateVolumeSlider);
+  connect(m_workspace, &Workspace::documentEditedChanged, this, &WorkspaceController::updateTitle);
+  connect(m_workspace, &Workspace::fileURLChanged, this, &WorkspaceController::updateTitle);
+  connect(m_workspace, &Workspace::cartsChanged, this, &WorkspaceController::syncGridControllers);
   connect(m_workspace->undoManager(), &SontoUndoManager::checkpoint, this, &WorkspaceController::updateMenus);
 
   // A show file opened locked goes straight to show mode.
@@ -106,9 +113,11 @@ WorkspaceController::WorkspaceController(std::unique_ptr<SontoDocument> document
 
 WorkspaceController::~WorkspaceController() {
   invalidate();
-  // The grids go before the document whose carts they show.
+  // The grids go before the workspace whose carts they show.
   m_tabView->clear();
   m_gridControllers.clear();
+  delete m_settingsController;
+  delete m_logController;
   m_document.reset();
 }
 
@@ -214,27 +223,34 @@ QWidget* WorkspaceController::buildBottomBar() {
 
 void WorkspaceController::buildMenus() {
   QMenu* file = menuBar()->addMenu(QStringLiteral("&File"));
-  auto& documents = SontoDocumentController::sharedDocumentController();
   QAction* newAction = file->addAction(QStringLiteral("&New"), this, [] {
     SontoDocumentController::sharedDocumentController().newDocument();
   });
   newAction->setShortcut(QKeySequence::New);
-  QAction* open = file->addAction(QStringLiteral("&Open\u2026"), this, &WorkspaceController::openDocumentRequested);
+  QAction* open = file->addAction(QStringLiteral("&Open\u2026"), this, [this] {
+    SontoDocumentController::sharedDocumentController().openDocument(this);
+  });
   open->setShortcut(QKeySequence::Open);
-  open->setEnabled(documents.canOpenDocuments());
-  QMenu* recent = file->addMenu(QStringLiteral("Open &Recent"));
-  recent->setEnabled(documents.canOpenDocuments());
+  m_recentMenu = file->addMenu(QStringLiteral("Open &Recent"));
+  connect(m_recentMenu, &QMenu::aboutToShow, this, &WorkspaceController::rebuildRecentMenu);
   file->addSeparator();
   QAction* close = file->addAction(QStringLiteral("&Close"), this, &QWidget::close);
   close->setShortcut(QKeySequence::Close);
-  // Saving and reading show files arrive with the workspace file; until then the
-  // items are there but off.
-  m_saveAction = file->addAction(QStringLiteral("&Save"));
+  m_saveAction = file->addAction(QStringLiteral("&Save"), this, [this] { saveDocument(); });
   m_saveAction->setShortcut(QKeySequence::Save);
-  m_saveAsAction = file->addAction(QStringLiteral("Save &As\u2026"));
+  m_saveAsAction = file->addAction(QStringLiteral("Save &As\u2026"), this, [this] { saveDocumentAs(); });
   m_saveAsAction->setShortcut(QKeySequence::SaveAs);
-  m_revertAction = file->addAction(QStringLiteral("Re&vert to Saved"));
-  for (QAction* action : {m_saveAction, m_saveAsAction, m_revertAction}) action->setEnabled(false);
+  m_revertAction = file->addAction(QStringLiteral("Re&vert to Saved"), this, &WorkspaceController::revertDocumentToSaved);
+  file->addSeparator();
+  m_settingsAction = file->addAction(QStringLiteral("Settings\u2026"), this, &WorkspaceController::editWorkspaceSettings);
+  m_settingsAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma));
+  file->addAction(QStringLiteral("View Log"), this, &WorkspaceController::viewLog);
+  file->addSeparator();
+  QAction* quit = file->addAction(QStringLiteral("&Quit"), this, [] {
+    if (SontoDocumentController::sharedDocumentController().closeAll()) QApplication::quit();
+  });
+  quit->setShortcut(QKeySequence::Quit);
+  connect(file, &QMenu::aboutToShow, this, &WorkspaceController::updateMenus);
 
   QMenu* edit = menuBar()->addMenu(QStringLiteral("&Edit"));
   m_undoAction = edit->addAction(QStringLiteral("Undo"), this, [this] {
@@ -283,7 +299,41 @@ void WorkspaceController::buildMenus() {
 
 void WorkspaceController::addTabForCartController(GridController* controller) {
   ++m_tabCount;
+  // A default name is never reused in one window's life.
+  if (controller->cart()->name().empty()) controller->cart()->setName("Cart " + std::to_string(m_tabCount));
   m_tabView->addTab(controller->gridView(), QString::fromStdString(controller->cart()->name()));
+}
+
+void WorkspaceController::syncGridControllers() {
+  if (!m_workspace) return;
+  const auto& carts = m_workspace->carts();
+  // Grids of carts that are gone leave with their tabs.
+  for (auto it = m_gridControllers.begin(); it != m_gridControllers.end();) {
+    const bool kept = std::any_of(carts.begin(), carts.end(), [&](const auto& cart) { return cart.get() == (*it)->cart(); });
+    if (kept) {
+      ++it;
+      continue;
+    }
+    GridView* view = (*it)->gridView();
+    m_tabView->removeTab(m_tabView->indexOf(view));
+    it = m_gridControllers.erase(it);
+    delete view;
+  }
+  for (const auto& cart : carts) {
+    const bool shown = std::any_of(m_gridControllers.begin(), m_gridControllers.end(),
+                                   [&](const auto& controller) { return controller->cart() == cart.get(); });
+    if (shown) continue;
+    m_gridControllers.push_back(std::make_unique<GridController>(cart, this));
+    addTabForCartController(m_gridControllers.back().get());
+  }
+  // Tabs in the workspace's order (a swap of carts moves them).
+  for (int position = 0; position < static_cast<int>(carts.size()); ++position) {
+    for (const auto& controller : m_gridControllers) {
+      if (controller->cart() != carts[position].get()) continue;
+      const int from = m_tabView->indexOf(controller->gridView());
+      if (from != position) m_tabView->tabBar()->moveTab(from, position);
+    }
+  }
 }
 
 void WorkspaceController::updateTabLabels() {
@@ -296,9 +346,8 @@ void WorkspaceController::updateTabLabels() {
 
 void WorkspaceController::newTab() {
   if (!m_workspace || isLocked()) return;
-  Cart* cart = m_workspace->addCart();
-  m_gridControllers.push_back(std::make_unique<GridController>(cart, this));
-  addTabForCartController(m_gridControllers.back().get());
+  // The workspace announces the cart and the grid follows.
+  m_workspace->addCart(std::make_shared<Cart>());
   m_tabView->setCurrentIndex(m_tabView->count() - 1);
 }
 
@@ -390,15 +439,16 @@ void WorkspaceController::setEditMode() {
 
 bool WorkspaceController::keyDownHotkey(const KyoKeyEvent& event) {
   if (!m_workspace) return false;
-  if (m_workspace->pauseAllKey.matchesKeyEvent(event)) {
+  const WorkspaceSettings& settings = m_workspace->settings();
+  if (settings.pauseAllKey().matchesKeyEvent(event)) {
     pauseAll();
     return true;
   }
-  if (m_workspace->resumeAllKey.matchesKeyEvent(event)) {
+  if (settings.resumeAllKey().matchesKeyEvent(event)) {
     resumeAll();
     return true;
   }
-  if (m_workspace->duckMasterKey.matchesKeyEvent(event)) {
+  if (settings.duckMasterKey().matchesKeyEvent(event)) {
     toggleDucking();
     return true;
   }
@@ -465,11 +515,15 @@ void WorkspaceController::keyReleaseEvent(QKeyEvent* event) {
 
 void WorkspaceController::processMIDIMessages(const std::vector<SontoMIDIMessage>& messages) {
   if (!m_workspace) return;
+  // Every cue start of one batch falls on the same audio cycle.
+  const std::shared_ptr<KyoAudioDevice> device = m_workspace->audioDevice();
+  if (device) device->startSyncedActions();
   std::vector<SontoMIDIMessage> kept;
   kept.reserve(messages.size());
+  const long channel = m_workspace->midiChannel();
   for (const SontoMIDIMessage& message : messages) {
     KYO_LOG_AT(3, "MIDI voice message received on channel %u", static_cast<unsigned>(message.channel()));
-    if (m_workspace->midiChannel == 0 || message.channel() == m_workspace->midiChannel) kept.push_back(message);
+    if (channel == 0 || static_cast<long>(message.channel()) == channel) kept.push_back(message);
   }
   GridController* selected = selectedController();
   for (const auto& controller : m_gridControllers) {
@@ -479,6 +533,7 @@ void WorkspaceController::processMIDIMessages(const std::vector<SontoMIDIMessage
       controller->cart()->processMIDIMessages(kept);
     }
   }
+  if (device) device->endSyncedActions();
 }
 
 // -- Transport
@@ -489,21 +544,15 @@ void WorkspaceController::togglePause() {
 }
 
 void WorkspaceController::pauseAll() {
-  if (!m_workspace) return;
-  m_workspace->setPaused(true);
-  for (const auto& cart : m_workspace->carts()) cart->pauseCues();
+  if (m_workspace) m_workspace->pauseAll();
 }
 
 void WorkspaceController::resumeAll() {
-  if (!m_workspace) return;
-  m_workspace->setPaused(false);
-  for (const auto& cart : m_workspace->carts()) cart->resumeCues();
+  if (m_workspace) m_workspace->resumeAll();
 }
 
 void WorkspaceController::stopAll() {
-  if (!m_workspace) return;
-  m_workspace->setPaused(false);
-  for (const auto& cart : m_workspace->carts()) cart->stopCues();
+  if (m_workspace) m_workspace->stopAll();
 }
 
 void WorkspaceController::hardStopAll() {
@@ -530,10 +579,7 @@ void WorkspaceController::toggleDucking() {
 }
 
 void WorkspaceController::updateDuringDuck() {
-  if (m_workspace) {
-    const QSignalBlocker blocker(m_volumeSlider);
-    m_volumeSlider->setValue(static_cast<int>(std::lround(m_workspace->masterVolume() * kVolumeSteps)));
-  }
+  updateVolumeSlider();
   KyoClock& clock = KyoCurrentClock();
   if (clock.monotonicSeconds() > m_duckingStart + kDuckDisplaySeconds && m_duckingTimer) {
     clock.stopTimer(m_duckingTimer);
@@ -543,7 +589,12 @@ void WorkspaceController::updateDuringDuck() {
 
 void WorkspaceController::changeVolume(float volume) {
   if (!m_workspace) return;
-  m_workspace->setMasterVolume(volume);
+  m_workspace->setMasterVolume(std::clamp(volume, 0.0f, 1.0f));
+  updateVolumeSlider();
+}
+
+void WorkspaceController::updateVolumeSlider() {
+  if (!m_workspace) return;
   const int position = static_cast<int>(std::lround(m_workspace->masterVolume() * kVolumeSteps));
   if (m_volumeSlider->value() != position) {
     const QSignalBlocker blocker(m_volumeSlider);
@@ -622,6 +673,9 @@ void WorkspaceController::updateTitle() {
   // Qt shows "[*]" as the edited mark where the platform has one.
   setWindowTitle(m_workspace->displayName() + QStringLiteral("[*]"));
   setWindowModified(m_workspace->isDocumentEdited());
+  const QUrl url = m_workspace->fileURL();
+  setWindowFilePath(url.isLocalFile() ? url.toLocalFile() : QString());
+  if (m_settingsController) m_settingsController->setRepresentedFilename(windowFilePath());
 }
 
 void WorkspaceController::updateMenus() {
@@ -640,14 +694,121 @@ void WorkspaceController::updateMenus() {
   m_newTabAction->setEnabled(!locked);
   m_renameCartAction->setEnabled(!locked);
   m_gridMenu->setEnabled(!locked);
+  m_settingsAction->setEnabled(!locked);
+  const bool hasFile = m_workspace && !m_workspace->fileURL().isEmpty();
+  m_saveAction->setEnabled(m_workspace != nullptr);
+  m_saveAsAction->setEnabled(m_workspace != nullptr);
+  m_revertAction->setEnabled(hasFile && m_workspace->isDocumentEdited());
+}
+
+void WorkspaceController::rebuildRecentMenu() {
+  m_recentMenu->clear();
+  auto& documents = SontoDocumentController::sharedDocumentController();
+  for (const QString& path : documents.recentDocuments()) {
+    m_recentMenu->addAction(QFileInfo(path).fileName(), this, [this, path] {
+      SontoDocumentController::sharedDocumentController().openDocuments({path}, this);
+    });
+  }
+  if (!m_recentMenu->isEmpty()) m_recentMenu->addSeparator();
+  QAction* clear = m_recentMenu->addAction(QStringLiteral("Clear Menu"), this, [] {
+    SontoDocumentController::sharedDocumentController().clearRecentDocuments();
+  });
+  clear->setEnabled(!documents.recentDocuments().isEmpty());
+}
+
+void WorkspaceController::saveDocument(std::function<void()> then) {
+  if (!m_workspace) return;
+  if (m_workspace->fileURL().isEmpty()) return saveDocumentAs(std::move(then));
+  const QUrl url = m_workspace->fileURL();
+  QPointer<WorkspaceController> self(this);
+  m_workspace->saveToURL(url, [self, url, then](bool ok, const SavingError& error) {
+    if (!ok) {
+      SontoAlerts::showSavingError(self, error);
+      return;
+    }
+    SontoDocumentController::sharedDocumentController().noteRecentDocument(url.toLocalFile());
+    if (self && then) then();
+  });
+}
+
+void WorkspaceController::saveDocumentAs(std::function<void()> then) {
+  if (!m_workspace) return;
+  QString path = SontoAlerts::chooseSaveLocation(this, m_workspace->displayName());
+  if (path.isEmpty()) return;
+  const QString extension = QStringLiteral(".") + QString::fromLatin1(WorkspaceFile::kExtension);
+  if (!path.endsWith(extension, Qt::CaseInsensitive)) path += extension;
+  const QUrl url = QUrl::fromLocalFile(path);
+  QPointer<WorkspaceController> self(this);
+  m_workspace->saveToURL(url, [self, url, then](bool ok, const SavingError& error) {
+    if (!ok) {
+      SontoAlerts::showSavingError(self, error);
+      return;
+    }
+    SontoDocumentController::sharedDocumentController().noteRecentDocument(url.toLocalFile());
+    if (self && then) then();
+  });
+}
+
+void WorkspaceController::revertDocumentToSaved() {
+  if (!m_workspace || m_workspace->fileURL().isEmpty()) return;
+  SavingError error;
+  if (!m_workspace->revertToSaved(&error)) return SontoAlerts::showSavingError(this, error);
+  workspaceDidRead();
+}
+
+// The carts arrive through cartsChanged; the rest of what a read sets is taken here.
+void WorkspaceController::workspaceDidRead() {
+  if (!m_workspace) return;
+  syncGridControllers();
+  if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
+  m_workspace->isLocked() ? setShowMode() : setEditMode();
+  updateVolumeSlider();
+  updatePauseButton();
+  updateDuckingButton();
+  if (m_settingsController) m_settingsController->refreshView();
+  if (m_logController) m_logController->setLogger(m_workspace->sharedLogger());
+  updateTitle();
+  updateMenus();
+}
+
+void WorkspaceController::editWorkspaceSettings() {
+  if (!m_workspace || isLocked()) return;
+  if (!m_settingsController) {
+    m_settingsController =
+        new SettingsController(m_workspace->settings(), this, [this] { cancel(); });
+    m_settingsController->setRepresentedFilename(windowFilePath());
+    connect(m_settingsController, &SettingsController::stateChanged, this, [this] {
+      if (m_workspace) m_workspace->updateChangeCount(Workspace::ChangeType::Done);
+    });
+  }
+  m_settingsController->refreshView();
+  m_settingsController->show();
+  m_settingsController->raise();
+  m_settingsController->activateWindow();
+}
+
+void WorkspaceController::viewLog() {
+  if (!m_workspace) return;
+  if (!m_logController) m_logController = new LogController(m_workspace->sharedLogger(), this);
+  m_logController->show();
+  m_logController->raise();
 }
 
 bool WorkspaceController::closeDocument() {
-  if (m_workspace && m_workspace->isDocumentEdited()) {
-    const bool canSave = SontoDocumentController::canSaveDocuments();
-    const SontoAlerts::Answer answer = SontoAlerts::askToSaveChanges(this, m_workspace->displayName(), canSave);
+  if (!m_workspace) return true;
+  if (m_workspace->isDocumentEdited()) {
+    const SontoAlerts::Answer answer = SontoAlerts::askToSaveChanges(this, m_workspace->displayName(), true);
     if (answer == SontoAlerts::Answer::Cancel) return false;
-    if (answer == SontoAlerts::Answer::Save && !canSave) return false;
+    if (answer == SontoAlerts::Answer::Save) {
+      // The window stays until the save has succeeded; a failed or cancelled save
+      // keeps it open with its edits.
+      QPointer<WorkspaceController> self(this);
+      m_closingAfterSave = true;
+      saveDocument([self] {
+        if (self && self->m_closingAfterSave) self->close();
+      });
+      return false;
+    }
   }
   invalidate();
   return true;
@@ -664,11 +825,17 @@ void WorkspaceController::invalidate() {
     KyoCurrentClock().stopTimer(m_duckingTimer);
     m_duckingTimer = 0;
   }
+  m_closingAfterSave = false;
+  if (m_logController) m_logController->close();
+  if (m_settingsController) m_settingsController->close();
   if (m_workspace) {
     disconnect(m_workspace, nullptr, this, nullptr);
     disconnect(m_workspace->undoManager(), nullptr, this, nullptr);
-    // Nothing goes on sounding from a closed show.
+    // Nothing goes on sounding from a closed show, and no inverse held by the undo
+    // manager may reach the grids that go with the window.
     m_workspace->hardStopAll();
+    m_workspace->undoManager()->removeAllActions();
+    m_workspace->close();
   }
   SontoDocumentController::sharedDocumentController().removeDocument(this);
   m_workspace = nullptr;

@@ -2,12 +2,13 @@
 // The window of one open show: the carts as pages of a tab widget, the bottom bar
 // (pause all, duck, panic, master volume, edit and show mode), the menus of the
 // document, and the place where keys and MIDI batches first reach the show.
-// It holds no show data of its own: that lives in the document, which it shows and
-// forwards the operator's actions to. Main thread only.
+// It holds no show data of its own: that lives in the workspace, which it owns, shows
+// and forwards the operator's actions to. Main thread only.
 
 #include <QMainWindow>
 #include <QPointer>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,19 +27,24 @@ class QPushButton;
 class QSlider;
 class QSplitter;
 class QTabWidget;
-class SontoDocument;
+class LogController;
+class SettingsController;
 class SontoUndoManager;
+class Workspace;
 
 class WorkspaceController : public QMainWindow {
   Q_OBJECT
 
  public:
-  // Takes the document; the window and the document close together.
-  explicit WorkspaceController(std::unique_ptr<SontoDocument> document);
+  // The window owns its workspace; closing the window closes the workspace (its
+  // temporary folder goes) and the workspace is released with the window.
+  explicit WorkspaceController(std::shared_ptr<Workspace> workspace);
   ~WorkspaceController() override;
 
   // Null once the window has closed.
-  SontoDocument* workspace() const { return m_workspace; }
+  Workspace* workspace() const { return m_workspace; }
+  // For work that must keep the workspace alive beyond a turn of the event loop.
+  std::shared_ptr<Workspace> sharedWorkspace() const { return m_workspace ? m_document : nullptr; }
   SontoUndoManager* undoManager() const;
   QTabWidget* tabView() const { return m_tabView; }
   const std::vector<std::unique_ptr<GridController>>& gridControllers() const { return m_gridControllers; }
@@ -61,7 +67,7 @@ class WorkspaceController : public QMainWindow {
   void keyUp(const KyoKeyEvent& event);
   void processMIDIMessages(const std::vector<SontoMIDIMessage>& messages);
 
-  // Transport.
+  // Transport. Pause, resume, stop and panic each reach every cart in one audio cycle.
   void togglePause();
   void pauseAll();
   void resumeAll();
@@ -92,6 +98,9 @@ class WorkspaceController : public QMainWindow {
 
   // Carts.
   void addTabForCartController(GridController* controller);
+  // One grid per cart of the workspace, in its order: after a read or a revert the
+  // carts are new and so are their grids.
+  void syncGridControllers();
   void newTab();
   void updateTabLabels();
   // The selected cart's grid from a title "<width>x<height>"; refused in show mode.
@@ -99,18 +108,29 @@ class WorkspaceController : public QMainWindow {
   void renameCart();
   void selectTab(int number);  // counting from 1; beyond the count, nothing
 
-  // The document side.
-  // False when the operator cancelled the question about unsaved changes.
+  // The document side. Saves run on a thread of their own and report on the main
+  // thread: `then` runs after a save that succeeded. A failure shows its message.
+  void saveDocument(std::function<void()> then = {});
+  void saveDocumentAs(std::function<void()> then = {});
+  void revertDocumentToSaved();
+  // False when the operator cancelled the question about unsaved changes, or chose
+  // Save: then the window closes once the save has succeeded.
   bool closeDocument();
   void updateTitle();
   void updateMenus();
+  // The workspace read anew (a revert): grids, mode, level and sheets from it.
+  void workspaceDidRead();
+
+  // The settings sheet of this workspace, made on first use; edits mark the
+  // document edited. Refused in show mode.
+  void editWorkspaceSettings();
+  SettingsController* settingsController() const { return m_settingsController; }
+  // The log window, made on first use.
+  void viewLog();
+  LogController* logController() const { return m_logController; }
 
   // How long the slider follows a duck ramp, in seconds.
   static constexpr double kDuckDisplaySeconds = 1.0;
-
- signals:
-  void newDocumentRequested();
-  void openDocumentRequested();
 
  protected:
   void closeEvent(QCloseEvent* event) override;
@@ -122,9 +142,11 @@ class WorkspaceController : public QMainWindow {
   QWidget* buildBottomBar();
   void invalidate();
   void updateDuringDuck();
+  void updateVolumeSlider();
+  void rebuildRecentMenu();
 
-  SontoDocument* m_workspace = nullptr;
-  std::unique_ptr<SontoDocument> m_document;
+  Workspace* m_workspace = nullptr;
+  std::shared_ptr<Workspace> m_document;
   QTabWidget* m_tabView = nullptr;
   QPushButton* m_panicButton = nullptr;
   QButtonGroup* m_modeButton = nullptr;
@@ -162,4 +184,10 @@ class WorkspaceController : public QMainWindow {
   QAction* m_saveAction = nullptr;
   QAction* m_saveAsAction = nullptr;
   QAction* m_revertAction = nullptr;
+  QAction* m_settingsAction = nullptr;
+  QMenu* m_recentMenu = nullptr;
+  SettingsController* m_settingsController = nullptr;
+  LogController* m_logController = nullptr;
+  // Set while the window waits for the save that its close asked for.
+  bool m_closingAfterSave = false;
 };

@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QMimeData>
 #include <QTest>
 #include <QUrl>
@@ -17,11 +18,11 @@
 #include "foundation/SontoColor.h"
 #include "show/Cart.h"
 #include "show/SontoUndoManager.h"
+#include "show/Workspace.h"
 #include "surface/CueCellController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
 #include "surface/SontoAlerts.h"
-#include "surface/SontoDocument.h"
 #include "surface/WorkspaceController.h"
 
 namespace {
@@ -125,7 +126,7 @@ TEST(GridController, DroppedFilesBecomeCuesAndBadFilesStopTheImport) {
   const std::string empty = textFile("drop-empty.flac", "");
   const std::string garbage = textFile("drop-garbage.mp3", QByteArray(4096, '\xff'));
 
-  EXPECT_EQ(grid->gridViewDroppedFiles({QString::fromStdString(a), QString::fromStdString(b)}, 0, true), 2);
+  EXPECT_EQ(dropFiles(grid, {QString::fromStdString(a), QString::fromStdString(b)}, 0, true), 2);
   auto* first = dynamic_cast<AudioCue*>(grid->cart()->cueAtIndex(0));
   auto* second = dynamic_cast<AudioCue*>(grid->cart()->cueAtIndex(1));
   ASSERT_TRUE(first && second);
@@ -133,28 +134,30 @@ TEST(GridController, DroppedFilesBecomeCuesAndBadFilesStopTheImport) {
   EXPECT_EQ(second->hotkey(), "2");
   EXPECT_EQ(first->midiNote(), 0);
   EXPECT_EQ(second->midiNote(), 1);
-  // Readable, and only waiting for an output device.
-  EXPECT_EQ(first->brokenExplanation(), "No audio device. Please select one.");
+  // Copies in the show's temporary folder, playing on its device.
+  EXPECT_FALSE(first->isBroken()) << first->brokenExplanation();
+  EXPECT_EQ(first->file(), t.workspace()->tmpPath() + "/drop-a.wav");
+  EXPECT_TRUE(t.workspace()->containsMediaFile(second->file()));
 
   // A file dropped on a taken slot replaces its cue and keeps its key; the next
   // goes to the next free slot, and the file that is no audio ends the import.
   second->setColor(SontoColor::redColor());
-  EXPECT_EQ(grid->gridViewDroppedFiles({QString::fromStdString(c), QString::fromStdString(notAudio),
+  EXPECT_EQ(dropFiles(grid, {QString::fromStdString(c), QString::fromStdString(notAudio),
                                         QString::fromStdString(a)},
                                        1, true),
             1);
   auto* replaced = dynamic_cast<AudioCue*>(grid->cart()->cueAtIndex(1));
   ASSERT_TRUE(replaced);
   EXPECT_NE(replaced, second);
-  EXPECT_EQ(replaced->file(), c);
+  EXPECT_EQ(QFileInfo(QString::fromStdString(replaced->file())).fileName(), "drop-c.wav");
   EXPECT_EQ(replaced->hotkey(), "2");
   EXPECT_EQ(replaced->color().name(), SontoColor::redColor().name());
   EXPECT_EQ(grid->cart()->cueAtIndex(2), nullptr);
   for (const std::string& bad : {notAudio, empty, garbage, std::string("/nonexistent/sonto/x.wav")}) {
-    EXPECT_EQ(grid->gridViewDroppedFiles({QString::fromStdString(bad)}, 8, true), 0) << bad;
+    EXPECT_EQ(dropFiles(grid, {QString::fromStdString(bad)}, 8, true), 0) << bad;
     EXPECT_EQ(grid->cart()->cueAtIndex(8), nullptr) << bad;
   }
-  EXPECT_EQ(grid->gridViewDroppedFiles({}, 0, true), 0);
+  EXPECT_EQ(dropFiles(grid, {}, 0, true), 0);
 }
 
 // A file that the check accepts but whose source cannot play it gives a broken cue
@@ -164,7 +167,7 @@ TEST(GridController, UnplayableFileGivesABrokenCue) {
   TestWindow t;
   GridController* grid = t.grid();
   const std::string a = rampWav("broken-a.wav");
-  EXPECT_EQ(grid->gridViewDroppedFiles({QString::fromStdString(a)}, 3, false), 1);
+  EXPECT_EQ(dropFiles(grid, {QString::fromStdString(a)}, 3, false), 1);
   Cue* cue = grid->cart()->cueAtIndex(3);
   ASSERT_NE(cue, nullptr);
   EXPECT_TRUE(cue->isBroken());
@@ -188,6 +191,7 @@ TEST(CueCell, DropEventOfFileURLsMakesCues) {
   QDropEvent drop(QPointF(10, 10), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
   QApplication::sendEvent(cell->view(), &drop);
   EXPECT_FALSE(grid->gridView()->showDefaultHotkeys());
+  ASSERT_TRUE(pumpUntil([&] { return !grid->isImporting(); }));
   ASSERT_NE(grid->cart()->cueAtIndex(6), nullptr);
   EXPECT_EQ(grid->cart()->cueAtIndex(6)->hotkey(), "E");
 

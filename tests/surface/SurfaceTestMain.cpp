@@ -4,13 +4,26 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+
 #include "foundation/KyoClock.h"
 #include "show/SontoQtClock.h"
+#include "support/JackServer.h"
+#include "support/TestFiles.h"
 #include "surface/SontoTheme.h"
 
 int main(int argc, char** argv) {
   if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  // Before any thread: the device layer reads these. A JACK server of our own name
+  // (started only by the MIDI test), and the settings (recent shows) and the shows'
+  // temporary folders kept inside the run's own folder.
+  setenv("JACK_DEFAULT_SERVER", sonto::test::JackServer::processServerName().c_str(), 1);
+  const std::string home = sonto::test::temporaryPath("surface-home");
+  setenv("XDG_CONFIG_HOME", (home + "/config").c_str(), 1);
+  setenv("XDG_CACHE_HOME", (home + "/cache").c_str(), 1);
   QApplication app(argc, argv);
+  QCoreApplication::setOrganizationName(QStringLiteral("SontoTest"));
+  QCoreApplication::setApplicationName(QStringLiteral("SontoTest"));
   KyoInstallClock(std::make_shared<SontoQtClock>());
   SontoTheme::apply(app);
   ::testing::InitGoogleTest(&argc, argv);

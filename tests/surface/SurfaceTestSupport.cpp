@@ -1,11 +1,13 @@
 #include "SurfaceTestSupport.h"
 
 #include <QApplication>
+#include <QSignalSpy>
 
-#include "surface/SontoAlerts.h"
-#include "surface/SontoDocument.h"
-#include "surface/WorkspaceController.h"
+#include "foundation/KyoClock.h"
+#include "show/Workspace.h"
 #include "surface/GridController.h"
+#include "surface/SontoAlerts.h"
+#include "surface/WorkspaceController.h"
 
 namespace {
 class FakeSource : public AudioCueSource {
@@ -43,7 +45,8 @@ FakeSources::FakeSources(bool isValid) : valid(isValid) {
 
 FakeSources::~FakeSources() { AudioCue::setSourceFactory(nullptr); }
 
-TestWindow::TestWindow() : window(new WorkspaceController(std::make_unique<SontoDocument>())) {
+TestWindow::TestWindow(std::shared_ptr<KyoAudioDevice> device)
+    : window(new WorkspaceController(device ? std::make_shared<Workspace>(device) : std::make_shared<Workspace>())) {
   window->show();
   QApplication::processEvents();
 }
@@ -56,6 +59,26 @@ TestWindow::~TestWindow() {
 }
 
 GridController* TestWindow::grid(int tab) const { return window->controllerForTab(tab); }
+
+Workspace* TestWindow::workspace() const { return window->workspace(); }
+
+bool pumpUntil(const std::function<bool()>& predicate, double limitSeconds) {
+  KyoPlainClock real;
+  const double end = real.monotonicSeconds() + limitSeconds;
+  while (!predicate()) {
+    if (real.monotonicSeconds() > end) return false;
+    QApplication::processEvents(QEventLoop::AllEvents, 5);
+    real.sleepFor(0.001);
+  }
+  return true;
+}
+
+int dropFiles(GridController* grid, const QStringList& paths, unsigned index, bool withDefaultTriggers) {
+  QSignalSpy finished(grid, &GridController::importFinished);
+  grid->gridViewDroppedFiles(paths, index, withDefaultTriggers);
+  if (!pumpUntil([&] { return finished.count() > 0; })) return -1;
+  return finished.first().first().toInt();
+}
 
 void sendKey(QWidget* target, QEvent::Type type, int qtKey, quint32 evdev, const QString& text,
              Qt::KeyboardModifiers modifiers, bool autoRepeat) {

@@ -5,6 +5,7 @@
 
 #include <QKeyEvent>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -12,6 +13,8 @@
 #include "show/AudioCueSource.h"
 
 class GridController;
+class KyoAudioDevice;
+class Workspace;
 class WorkspaceController;
 
 class CountingCue : public AudioCue {
@@ -34,13 +37,21 @@ struct FakeSources {
   bool valid;
 };
 
-// A shown window of a new untitled show; closed without questions at the end.
+// A shown window of a new untitled show on the given device (null: the default
+// output, "No Output" on a machine without sound); closed without questions at the end.
 struct TestWindow {
-  TestWindow();
+  explicit TestWindow(std::shared_ptr<KyoAudioDevice> device = nullptr);
   ~TestWindow();
   WorkspaceController* window;
+  Workspace* workspace() const;
   GridController* grid(int tab = 0) const;
 };
+
+// Pumps the event loop (and the clock's main-thread work) until the predicate holds;
+// false after the limit, which only keeps a fault from hanging the run.
+bool pumpUntil(const std::function<bool()>& predicate, double limitSeconds = 20);
+// A drop of files on a slot, waited for; answers the cues made.
+int dropFiles(GridController* grid, const QStringList& paths, unsigned index, bool withDefaultTriggers = true);
 
 // evdev numbers of a few keys; the X server reports them plus 8.
 constexpr quint32 kEvdevQ = 16, kEvdevW = 17, kEvdev1 = 2, kEvdev2 = 3, kEvdevEscape = 1, kEvdevDelete = 111;

@@ -6,3 +6,6 @@ int sontoInfoCommand(int argc, char** argv);
 
 // sonto devices: the output device catalogue, the default marked.
 int sontoDevicesCommand(int argc, char** argv);
+
+// sonto render WORKSPACE -o OUT.wav [...]: the show rendered offline, with a script of triggers.
+int sontoRenderCommand(int argc, char** argv);

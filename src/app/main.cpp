@@ -13,9 +13,11 @@ void usage() {
                "usage: sonto [WORKSPACE...]\n"
                "       sonto info FILE...\n"
                "       sonto devices\n"
+               "       sonto render WORKSPACE -o OUT.wav [--rate HZ] [--buffer FRAMES] [--seconds S] [--events FILE]\n"
                "  (no command)   opens the window: an untitled show, or the shows given\n"
                "  info FILE...   what Sonto's file reader makes of each audio file\n"
-               "  devices        the output devices, the default marked\n");
+               "  devices        the output devices, the default marked\n"
+               "  render         the show rendered offline to a WAV, with a script of keys and notes\n");
 }
 }  // namespace
 
@@ -23,6 +25,7 @@ int main(int argc, char** argv) {
   const std::string command = argc >= 2 ? argv[1] : "";
   if (command == "info") return sontoInfoCommand(argc - 2, argv + 2);
   if (command == "devices") return sontoDevicesCommand(argc - 2, argv + 2);
+  if (command == "render") return sontoRenderCommand(argc - 2, argv + 2);
   if (command == "-h" || command == "--help" || command == "help") {
     usage();
     return 0;

@@ -4,7 +4,10 @@
 // disk; the script's bad lines.
 
 #include <gtest/gtest.h>
+#include <sndfile.h>
+#include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 
 #include "ShowTestSupport.h"
@@ -256,6 +259,104 @@ TEST(EventScriptTest, EventsComeInTimeOrderWithTheirArguments) {
   EXPECT_EQ(SontoEventScript::firstFrame(0.7, 44100), 30870);
   EXPECT_EQ(SontoEventScript::firstFrame(1.0 / 3, 48000), 16000);
   EXPECT_EQ(SontoEventScript::firstFrame(0.00001, 48000), 1);
+}
+
+// --- sonto render, the binary built beside the tests ---
+
+std::string sontoBinary() {
+  char self[PATH_MAX] = {};
+  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return {};
+  std::string path(self, size_t(n));
+  path = path.substr(0, path.rfind('/'));
+  path = path.substr(0, path.rfind('/')) + "/sonto";
+  return ::access(path.c_str(), X_OK) == 0 ? path : std::string();
+}
+
+std::vector<std::vector<float>> readWav(const std::string& path, SF_INFO& info) {
+  info = {};
+  SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
+  if (!file) return {};
+  std::vector<float> interleaved(size_t(info.frames) * size_t(info.channels));
+  sf_readf_float(file, interleaved.data(), info.frames);
+  sf_close(file);
+  std::vector<std::vector<float>> channels(size_t(info.channels), std::vector<float>(size_t(info.frames)));
+  for (size_t f = 0; f < size_t(info.frames); ++f)
+    for (size_t c = 0; c < channels.size(); ++c) channels[c][f] = interleaved[f * channels.size() + c];
+  return channels;
+}
+
+TEST(RenderCommandTest, SavedShowRendersToAWavAndBadInputGetsItsStatus) {
+  const std::string binary = sontoBinary();
+  if (binary.empty()) GTEST_SKIP() << "the sonto binary is not built beside the tests";
+  setenv("XDG_CACHE_HOME", sonto::test::temporaryPath("cache").c_str(), 1);
+  const std::string folder = makeFolder("render-command");
+  const std::string show = folder + "/Show.sonto";
+  {
+    VirtualTime time;
+    EngineSources sources;
+    OfflineDevice device(2, 48000, 256);
+    Workspace workspace(device.device);
+    auto cart = std::make_shared<Cart>();
+    workspace.addCart(cart);
+    auto cue = AudioCue::createWithFile(rampFile("command.wav", 48000, 2, 14400), device.device);
+    cue->setHotkey("1");
+    cart->setCue(cue, 0);
+    cue->setCart(cart.get());
+    SavingError error;
+    ASSERT_TRUE(workspace.writeToURL(urlOf(show), &error)) << error.message;
+    workspace.close();
+    time.clock->settle();
+  }
+  writeBytes(folder + "/events.txt", "# fire the only cue\n0.02 key 1 down\n");
+  writeBytes(folder + "/bad.txt", "0.02 key 1 down\n0.5 jump\n");
+  const std::string out = folder + "/out.wav", err = folder + "/err.txt";
+  auto run = [&](const std::string& arguments) {
+    return sonto::test::run("'" + binary + "' render " + arguments + " >/dev/null 2>'" + err + "'");
+  };
+
+  ASSERT_EQ(run("'" + show + "' -o '" + out + "' --buffer 256 --events '" + folder + "/events.txt'"), 0)
+      << readBytes(err);
+  EXPECT_EQ(readBytes(err).find("sonto render"), std::string::npos) << readBytes(err);
+  EXPECT_EQ(readBytes(out).substr(0, 4), "RIFF");
+  SF_INFO info;
+  auto whole = readWav(out, info);
+  EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+  EXPECT_EQ(info.samplerate, 48000);
+  ASSERT_EQ(info.channels, 2);
+  // 0.02 s is frame 960, inside the fourth cycle of 256: the cue starts on the fifth.
+  ASSERT_GE(info.frames, 1024 + 14400);
+  EXPECT_EQ(differences(whole, expectedOutput(size_t(info.frames), {{1024, 1024 + 14400}})), 0u);
+
+  // Another process, another length: the same samples.
+  ASSERT_EQ(run("'" + show + "' -o '" + out + "' --seconds 0.25 --rate 48000 --buffer 256 --events '" + folder +
+                "/events.txt'"),
+            0)
+      << readBytes(err);
+  auto part = readWav(out, info);
+  ASSERT_EQ(info.frames, 12000);
+  for (auto& channel : whole) channel.resize(12000);
+  EXPECT_EQ(differences(part, whole), 0u);
+
+  const struct {
+    std::string arguments;
+    int status;
+    std::string message;
+  } failures[] = {
+      {"", 2, "no workspace given"},
+      {"'" + show + "'", 2, "no output given"},
+      {"'" + show + "' -o x.wav --rate 12.5", 2, "bad rate '12.5'"},
+      {"'" + show + "' -o x.wav --buffer 0", 2, "bad buffer size '0'"},
+      {"'" + show + "' -o x.wav --seconds -1", 2, "bad length '-1'"},
+      {"'" + show + "' -o x.wav --loud", 2, "unknown option '--loud'"},
+      {"'" + show + "' -o x.wav --events '" + folder + "/bad.txt'", 2, folder + "/bad.txt:2: unknown action 'jump'"},
+      {"'" + folder + "/Missing.sonto' -o '" + out + "'", 1, "Missing.sonto: cannot be opened: "},
+      {"'" + show + "' -o '" + folder + "/no/such/folder.wav'", 1, "cannot be written"},
+  };
+  for (const auto& f : failures) {
+    EXPECT_EQ(run(f.arguments), f.status) << f.arguments;
+    EXPECT_NE(readBytes(err).find(f.message), std::string::npos) << f.arguments << ": " << readBytes(err);
+  }
 }
 
 }  // namespace

@@ -182,6 +182,7 @@ TEST(KyoEffect, AMissingPluginFailsWithALogLineAndKeepsItsSavedForm) {
   KyoStream stream;
   ASSERT_TRUE(stream.create() && stream.open());
   EXPECT_FALSE(stream.addEffect(effect.get()));
+  EXPECT_EQ(effect->stream(), nullptr);
   EXPECT_TRUE(stream.initialize());
   EXPECT_EQ(effect->encode(), properties);
 

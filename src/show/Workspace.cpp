@@ -355,7 +355,8 @@ void Workspace::setFileURL(const QUrl& url) {
 
 QString Workspace::displayName() const {
   if (!m_fileURL.isEmpty()) {
-    QString name = QFileInfo(m_fileURL.toLocalFile()).fileName();
+    // From the path, whose trailing slashes are gone.
+    QString name = QFileInfo(QString::fromStdString(m_filePath)).fileName();
     const QString extension = QStringLiteral(".") + QString::fromLatin1(WorkspaceFile::kExtension);
     if (name.endsWith(extension, Qt::CaseInsensitive) && name.size() > extension.size()) name.chop(extension.size());
     return name;

@@ -173,7 +173,8 @@ class Workspace : public QObject, public CartWorkspace, public WorkspaceFileTarg
   // makes `url` the document's file and clears the edited mark of what was saved.
   // A save asked for while one runs waits for it.
   void saveToURL(const QUrl& url, std::function<void(bool ok, const SavingError& error)> completion);
-  // The same save on the calling (main) thread, for tools and tests.
+  // The same save on the calling (main) thread, for tools and tests; not while a
+  // save in the background runs, which reads the same cues.
   bool writeToURL(const QUrl& url, SavingError* error);
   bool isSaving() const { return m_saving; }
 

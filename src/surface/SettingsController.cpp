@@ -121,6 +121,12 @@ SettingsController::SettingsController(WorkspaceSettings& settings, QWidget* par
   refreshView();
 }
 
+SettingsController::~SettingsController() {
+  // The fields outlive this part of the object; the focus leaving the panic field as
+  // they go would end its editing into a controller that is no longer there.
+  for (QObject* child : findChildren<QObject*>()) disconnect(child, nullptr, this, nullptr);
+}
+
 VarnHotKeyTextView* SettingsController::addHotKeyRow(QGridLayout* grid, int row, const QString& title, int tag) {
   QWidget* box = grid->parentWidget();
   auto* view = new VarnHotKeyTextView(box);

@@ -24,6 +24,7 @@ class SettingsController : public QDialog {
  public:
   // `cancel` is the window's cancel: the panic of every open show.
   SettingsController(WorkspaceSettings& settings, QWidget* parent, std::function<void()> cancel);
+  ~SettingsController() override;
 
   WorkspaceSettings& settings() { return m_settings; }
 

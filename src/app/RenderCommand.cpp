@@ -106,6 +106,8 @@ class WavWriter {
     info.format = (large ? SF_FORMAT_RF64 : SF_FORMAT_WAV) | SF_FORMAT_FLOAT;
     m_file = sf_open(path.c_str(), SFM_WRITE, &info);
     if (!m_file) return false;
+    // The PEAK chunk carries the time of writing: the same render would differ.
+    sf_command(m_file, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     m_channels = channels;
     return true;
   }

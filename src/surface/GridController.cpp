@@ -36,7 +36,7 @@ GridController::GridController(std::shared_ptr<Cart> cart, WorkspaceController* 
 GridController::~GridController() {
   // A copy still running finds no import to go on with.
   m_import.reset();
-  delete m_progress;
+  delete m_progress.data();
   if (SontoUndoManager* undo = undoManager()) undo->removeAllActionsWithTarget(this);
   m_gridView->setController(nullptr);
   m_gridView->reset();

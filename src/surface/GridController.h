@@ -5,6 +5,8 @@
 // shows pressed. Index arguments are public indices of the grid. Main thread only.
 
 #include <QObject>
+#include <QPointer>
+#include <QProgressDialog>
 #include <QStringList>
 
 #include <memory>
@@ -18,7 +20,6 @@
 class AudioCue;
 class Cue;
 class GridView;
-class QProgressDialog;
 class SontoUndoManager;
 class Workspace;
 class WorkspaceController;
@@ -84,7 +85,7 @@ class GridController : public QObject {
   // at once; importFinished tells how many cues were made.
   void gridViewDroppedFiles(const QStringList& paths, unsigned index, bool withDefaultTriggers);
   bool isImporting() const { return m_import != nullptr; }
-  // Seconds an import runs before its progress shows.
+  // Milliseconds an import runs before its progress shows.
   static constexpr int kImportProgressDelayMs = 500;
   void gridViewDidMoveCueFromIndex(unsigned from, unsigned to);
   void gridViewDidCopyCueFromIndex(unsigned from, unsigned to);
@@ -111,5 +112,6 @@ class GridController : public QObject {
   std::shared_ptr<Cart> m_cart;
   WorkspaceController* m_workspaceController;
   std::shared_ptr<Import> m_import;
-  QProgressDialog* m_progress = nullptr;
+  // A child of the window, which may go first.
+  QPointer<QProgressDialog> m_progress;
 };

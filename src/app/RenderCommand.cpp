@@ -16,6 +16,7 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <memory>
@@ -233,6 +234,17 @@ int sontoRenderCommand(int argc, char** argv) {
       return 2;
     }
     events = std::move(*parsed);
+  }
+  if (options.seconds > 0) {
+    const int64_t end = SontoEventScript::firstFrame(options.seconds, options.rate);
+    const auto late = std::count_if(events.begin(), events.end(), [&](const SontoScriptEvent& e) {
+      const int64_t cycleStart = (SontoEventScript::firstFrame(e.time, options.rate) + options.buffer - 1) /
+                                 options.buffer * options.buffer;
+      return cycleStart >= end;
+    });
+    if (late > 0)
+      std::fprintf(stderr, "sonto render: warning: %ld events fall in no rendered cycle (the render ends at %g seconds) and are not applied\n",
+                   long(late), options.seconds);
   }
   // Qt Core wants its application object for what the workspace file reads.
   std::unique_ptr<QCoreApplication> app;

@@ -125,14 +125,14 @@ bool SontoOfflineRender::waitForReadAhead(Workspace& workspace) {
     const double deadline = realTime.monotonicSeconds() + kReadAheadPatienceSeconds;
     while (!buffer->isReadyToRead(m_bufferFrames)) {
       // A read-ahead that never fills (its file went away) costs the patience once.
-      if (m_gaveUpOn.count(buffer.get()) || realTime.monotonicSeconds() > deadline) {
-        m_gaveUpOn.insert(buffer.get());
+      if (m_gaveUpOn.count(buffer) || realTime.monotonicSeconds() > deadline) {
+        m_gaveUpOn.insert(buffer);
         allReady = false;
         return;
       }
       realTime.sleepFor(0.0005);
     }
-    m_gaveUpOn.erase(buffer.get());
+    m_gaveUpOn.erase(buffer);
   });
   return allReady;
 }

@@ -22,6 +22,7 @@
 #include "show/SontoEventScript.h"
 
 class KyoAudioDevice;
+class KyoAudioMetaBuffer;
 class KyoVirtualClock;
 class Workspace;
 
@@ -88,5 +89,6 @@ class SontoOfflineRender {
   uint32_t m_deviceID = 0;
   std::shared_ptr<KyoAudioDevice> m_device;
   std::set<std::string> m_heldKeys;   // keys down and not yet up: a second down is a repeat
-  std::set<const void*> m_gaveUpOn;   // read-ahead that missed its patience, until it is ready again
+  // Read-ahead that missed its patience, until it is ready again.
+  std::set<std::weak_ptr<KyoAudioMetaBuffer>, std::owner_less<>> m_gaveUpOn;
 };

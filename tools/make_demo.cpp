@@ -18,12 +18,15 @@
 #include <sndfile.h>
 
 #include "DemoMedia.h"
+#include "foundation/KyoHotKey.h"
+#include "foundation/KyoKeyCodes.h"
 #include "audio/KyoAudioDevice.h"
 #include "audio/KyoHAL.h"
 #include "show/AudioCue.h"
 #include "show/AudioCueSourceKyo.h"
 #include "show/Cart.h"
 #include "show/WorkspaceFile.h"
+#include "show/WorkspaceSettings.h"
 
 namespace {
 
@@ -130,6 +133,25 @@ bool placeCue(Cart& cart, unsigned long index, const DemoCue& spec, const fs::pa
   return true;
 }
 
+// F5 pauses every cue, F6 resumes them, F7 ducks the master level: function keys,
+// so that no cue's letter or digit is taken.
+bool setWorkspaceKeys(WorkspaceSettings& settings) {
+  struct Key {
+    KyoHotKey& hotKey;
+    uint16_t keyCode;
+    int functionNumber;
+  };
+  for (const Key& key : {Key{settings.pauseAllKey(), KyoKeyCode::kF5, 5}, Key{settings.resumeAllKey(), KyoKeyCode::kF6, 6},
+                         Key{settings.duckMasterKey(), KyoKeyCode::kF7, 7}}) {
+    KyoKeyEvent event;
+    event.keyCode = key.keyCode;
+    event.charactersIgnoringModifiers = {static_cast<char16_t>(KyoKeyCharacter::kF1 + key.functionNumber - 1)};
+    event.modifierFlags = KyoKeyEvent::kFunction;
+    if (!key.hotKey.setFromKeyEvent(event)) return false;
+  }
+  return true;
+}
+
 std::shared_ptr<Cart> makeCart(const std::string& name, CartSize size) {
   auto cart = std::make_shared<Cart>();
   cart->setName(name);
@@ -181,7 +203,13 @@ int makeDemo(const fs::path& output) {
 
   auto document = std::make_shared<WorkspaceDocument>();
   document->version = SONTO_VERSION_STRING;
-  auto effects = makeCart("Music & Effects", {4.0f, 3.0f});
+  WorkspaceSettings settings;
+  if (!setWorkspaceKeys(settings)) {
+    std::fprintf(stderr, "make_demo: the workspace keys were refused\n");
+    return 1;
+  }
+  document->settings = settings.state();
+  auto effects = makeCart("Music and Effects", {4.0f, 3.0f});
   auto spoken = makeCart("Announcements", {4.0f, 2.0f});
   for (size_t i = 0; i < kMusicAndEffects.size(); ++i)
     if (!placeCue(*effects, i, kMusicAndEffects[i], media, build.device)) return 1;

@@ -1,0 +1,203 @@
+// The real window on an X server (ctest runs this under xvfb-run as "screenshots"):
+// a filled grid and the demo show, each in edit mode and in show mode, grabbed from
+// the screen to PNG files
+// that stay in the build folder for people to look at. Nothing is compared pixel by
+// pixel; the test fails when the window cannot be shown, when a grab comes back
+// empty or flat, or when the pads do not carry their cues' colours.
+#include <QApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QImage>
+#include <QPixmap>
+#include <QScreen>
+#include <QSet>
+#include <QTest>
+#include <QUrl>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <optional>
+
+#include "SurfaceTestSupport.h"
+#include "foundation/SontoColor.h"
+#include "show/AudioCue.h"
+#include "show/WorkspaceFile.h"
+#include "surface/CueCellController.h"
+#include "surface/GridController.h"
+#include "surface/GridView.h"
+#include "surface/WorkspaceController.h"
+
+namespace {
+
+bool onRealDisplay() { return QGuiApplication::platformName() == QLatin1String("xcb"); }
+
+QString artifactsDir() {
+  QString dir = qEnvironmentVariable("SONTO_ARTIFACTS_DIR");
+  if (dir.isEmpty()) dir = qEnvironmentVariable("SONTO_TEST_TMP", QDir::tempPath()) + "/artifacts";
+  QDir().mkpath(dir);
+  return dir;
+}
+
+// What the X server shows of the window, not what the widgets would paint.
+QImage grabFromScreen(QWidget* window) {
+  QApplication::processEvents();
+  QScreen* screen = window->screen();
+  if (!screen) return {};
+  return screen->grabWindow(window->winId()).toImage().convertToFormat(QImage::Format_RGB32);
+}
+
+struct Rgb {
+  double r = 0, g = 0, b = 0;
+  double distanceTo(const Rgb& o) const { return std::hypot(r - o.r, g - o.g, b - o.b); }
+};
+
+Rgb average(const QImage& image, const QRect& area) {
+  Rgb sum;
+  int n = 0;
+  const QRect inside = area.intersected(image.rect());
+  for (int y = inside.top(); y <= inside.bottom(); ++y)
+    for (int x = inside.left(); x <= inside.right(); ++x, ++n) {
+      const QRgb p = image.pixel(x, y);
+      sum.r += qRed(p), sum.g += qGreen(p), sum.b += qBlue(p);
+    }
+  if (n == 0) return {};
+  return {sum.r / n, sum.g / n, sum.b / n};
+}
+
+Rgb middleOf(const SontoColor& color) {
+  const KyoRGBA m = color.gradient().colorAtLocation(0.5);
+  return {m.red * 255, m.green * 255, m.blue * 255};
+}
+
+// A cell's area in the grabbed image, inset past its glow and outline.
+QRect cellArea(WorkspaceController* window, GridView* grid, unsigned index, qreal scale) {
+  QWidget* view = grid->cells()[index]->view();
+  const QRect r = view->rect().adjusted(10, 10, -10, -10);
+  const QPoint topLeft = view->mapTo(window, r.topLeft());
+  return QRectF(QPointF(topLeft) * scale, QSizeF(r.size()) * scale).toRect();
+}
+
+int distinctColours(const QImage& image) {
+  QSet<QRgb> seen;
+  for (int y = 0; y < image.height(); y += 2)
+    for (int x = 0; x < image.width(); x += 2) seen.insert(image.pixel(x, y));
+  return static_cast<int>(seen.size());
+}
+
+// The public index of the first pad of the grid whose cue wears `color`.
+std::optional<unsigned> padWithColour(GridController* grid, const SontoColor& color) {
+  for (unsigned i = 0; i < grid->slotCount(); ++i) {
+    auto* cue = dynamic_cast<AudioCue*>(grid->cueForIndex(i));
+    if (cue && cue->color().isEqualToColor(color)) return i;
+  }
+  return std::nullopt;
+}
+
+// Edit mode, then show mode, each grabbed to <prefix>-edit-mode.png and
+// <prefix>-show-mode.png; the visible grid must hold a red and a blue pad.
+void shootBothModes(WorkspaceController* window, GridController* grid, const QString& prefix) {
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(window));
+  const auto redPad = padWithColour(grid, SontoColor::redColor());
+  const auto bluePad = padWithColour(grid, SontoColor::blueColor());
+  ASSERT_TRUE(redPad && bluePad);
+  const qreal scale = window->devicePixelRatio();
+  struct Mode {
+    const char* name;
+    void (WorkspaceController::*enter)();
+  };
+  for (const Mode& mode : {Mode{"edit", &WorkspaceController::setEditMode},
+                           Mode{"show", &WorkspaceController::setShowMode}}) {
+    SCOPED_TRACE(mode.name);
+    (window->*mode.enter)();
+    QApplication::processEvents();
+    const QImage image = grabFromScreen(window);
+    ASSERT_FALSE(image.isNull());
+    EXPECT_EQ(image.size(), (QSizeF(window->size()) * scale).toSize());
+    // A window that did not paint comes back in one colour (or a few, with a frame).
+    EXPECT_GT(distinctColours(image), 64);
+
+    // Each pad wears its cue's colour: nearer its own than the other's.
+    const Rgb red = average(image, cellArea(window, grid->gridView(), *redPad, scale));
+    const Rgb blue = average(image, cellArea(window, grid->gridView(), *bluePad, scale));
+    const Rgb redMiddle = middleOf(SontoColor::redColor()), blueMiddle = middleOf(SontoColor::blueColor());
+    EXPECT_LT(red.distanceTo(redMiddle), red.distanceTo(blueMiddle));
+    EXPECT_LT(blue.distanceTo(blueMiddle), blue.distanceTo(redMiddle));
+
+    const QString path = artifactsDir() + "/" + prefix + "-" + mode.name + "-mode.png";
+    ASSERT_TRUE(image.save(path, "PNG")) << path.toStdString();
+    EXPECT_EQ(QImage(path).size(), image.size());
+  }
+  window->setEditMode();
+}
+
+struct Pad {
+  const char* name;
+  SontoColor (*color)();
+  bool loops = false, hold = false, solo = false;
+};
+
+const Pad kPads[] = {
+    {"Fanfare", SontoColor::redColor},         {"Bell", SontoColor::yellowColor},
+    {"Countdown", SontoColor::orangeColor},    {"Applause", SontoColor::greenColor},
+    {"Pad Loop", SontoColor::blueColor, true}, {"Wind Loop", SontoColor::lightblueColor, true},
+    {"Thunder", SontoColor::purpleColor},      {"Drone", SontoColor::defaultColor, false, true},
+    {"Pink Noise", SontoColor::defaultColor, false, false, true},
+};
+
+}  // namespace
+
+TEST(Screenshot, FilledGridInEditAndShowMode) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  FakeSources sources(true);
+  TestWindow t;
+  t.window->resize(1024, 700);
+  GridController* grid = t.grid();
+  grid->setCartSize({4.0f, 3.0f});
+  for (unsigned i = 0; i < std::size(kPads); ++i) {
+    auto cue = countingCue(kPads[i].name, grid->cart()->defaultHotkeyForIndex(i));
+    cue->setColor(kPads[i].color());
+    cue->setLoopsValue(kPads[i].loops);
+    cue->setHold(kPads[i].hold);
+    cue->setSolo(kPads[i].solo);
+    grid->addCue(cue, i);
+  }
+  t.window->newTab();
+  t.window->selectTab(1);
+  shootBothModes(t.window, grid, "window");
+}
+
+// The show that `make run` opens, read from its package as the build left it, its
+// carts laid into a window: every cue's media must be found inside the package.
+TEST(Screenshot, DemoShow) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  const QString package = qEnvironmentVariable("SONTO_DEMO_SHOW");
+  if (package.isEmpty() || !QDir(package).exists()) GTEST_SKIP() << "no demo show in this build (ninja demo)";
+  FakeSources sources(true);
+  WorkspaceDocument document;
+  SavingError error;
+  ASSERT_TRUE(WorkspaceFile::readPackage(QUrl::fromLocalFile(package), document, &error)) << error.message;
+  ASSERT_EQ(document.carts.size(), 2u);
+
+  TestWindow t;
+  t.window->resize(1024, 700);
+  const std::string media = QDir(package).filePath("Media").toStdString() + "/";
+  for (size_t c = 0; c < document.carts.size(); ++c) {
+    const Cart& cart = *document.carts[c];
+    if (c > 0) t.window->newTab();
+    GridController* grid = t.grid(static_cast<int>(c));
+    grid->setCartSize(cart.size());
+    grid->setCartName(cart.name());
+    EXPECT_GE(cart.count(), 6u) << cart.name();
+    for (const auto& [internalIndex, cue] : cart.cues()) {
+      SCOPED_TRACE(cue->description());
+      EXPECT_EQ(cue->file().rfind(media, 0), 0u);
+      EXPECT_TRUE(QFileInfo(QString::fromStdString(cue->file())).isFile());
+      EXPECT_FALSE(cue->hotkey().empty());
+      grid->addCue(cue, static_cast<unsigned>(cart.indexForInternalIndex(internalIndex)));
+    }
+  }
+  t.window->selectTab(1);
+  shootBothModes(t.window, t.grid(0), "demo");
+}

@@ -164,7 +164,7 @@ bool KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>
   // Stop the cycles first: stopIO returns after the last callback, which takes
   // m_renderMutex, so it must not be held here yet.
   if (m_ioRunning.exchange(false)) {
-    int32_t status = KyoHAL::shared().stopIO(m_deviceID);
+    int32_t status = KyoHAL::shared().stopIO(m_deviceID, this);
     if (status != kKyoHALNoError && status != kKyoHALNotRunningError) KYO_LOG_STATUS(status);
   }
   const bool wasOpen = m_open.exchange(false);

@@ -73,7 +73,9 @@ struct KyoHAL::State {
     std::shared_ptr<KyoHALOffline> offline;
     // Serializes start and stop of this device; never taken by a render callback.
     std::mutex ioMutex;
-    std::unique_ptr<KyoHALStream> stream;  // guarded by ioMutex
+    // One stream per client: each open show drives the device with a stream of its
+    // own, mixed by the system (JACK, dmix, PipeWire) as another program's would be.
+    std::vector<std::pair<void*, std::unique_ptr<KyoHALStream>>> streams;  // guarded by ioMutex
     std::atomic<uint32_t> flags{0};
     Events events;
   };
@@ -114,8 +116,8 @@ struct KyoHAL::State {
     if (listenerThread.joinable()) listenerThread.join();
     for (auto& [id, device] : devices) {
       std::lock_guard<std::mutex> io(device->ioMutex);
-      if (device->stream) device->stream->stop();
-      device->stream.reset();
+      for (auto& entry : device->streams) entry.second->stop();
+      device->streams.clear();
     }
     devices.clear();
     backends.clear();
@@ -425,7 +427,9 @@ int32_t KyoHAL::startIO(KyoAudioObjectID id, bool enableInput, KyoHALIOProc proc
   if (offline) return offline->start(enableInput, proc, client);
 
   std::lock_guard<std::mutex> io(device->ioMutex);
-  if (device->stream) return kKyoHALIllegalOperationError;
+  for (auto& entry : device->streams) {
+    if (entry.first == client) return kKyoHALIllegalOperationError;
+  }
   KyoHALDeviceProperties properties;
   {
     std::lock_guard<std::mutex> lock(m_state->mutex);
@@ -443,16 +447,18 @@ int32_t KyoHAL::startIO(KyoAudioObjectID id, bool enableInput, KyoHALIOProc proc
   parameters.client = client;
   parameters.events = &device->events;
   int32_t status = kKyoHALNoError;
-  device->stream = device->backend->start(properties, parameters, status);
-  if (!device->stream) {
+  std::unique_ptr<KyoHALStream> stream = device->backend->start(properties, parameters, status);
+  if (!stream) {
     if (status == kKyoHALNoError) status = kKyoHALUnsupportedError;
     std::lock_guard<std::mutex> lock(m_state->mutex);
-    device->inUse = false;
+    device->inUse = !device->streams.empty();
+    return status;
   }
+  device->streams.emplace_back(client, std::move(stream));
   return status;
 }
 
-int32_t KyoHAL::stopIO(KyoAudioObjectID id) {
+int32_t KyoHAL::stopIO(KyoAudioObjectID id, void* client) {
   State::Device* device = nullptr;
   std::shared_ptr<KyoHALOffline> offline;
   {
@@ -462,17 +468,30 @@ int32_t KyoHAL::stopIO(KyoAudioObjectID id) {
     offline = device->offline;
   }
   if (offline) return offline->stop();
-  std::unique_ptr<KyoHALStream> stream;
+  std::vector<std::unique_ptr<KyoHALStream>> stopped;
+  bool stillInUse = false;
   {
     std::lock_guard<std::mutex> io(device->ioMutex);
-    if (!device->stream) return kKyoHALNotRunningError;
-    if (device->stream->isRenderThread()) return kKyoHALIllegalOperationError;
-    device->stream->stop();
-    stream = std::move(device->stream);
+    auto& streams = device->streams;
+    auto chosen = [client](const auto& entry) { return !client || entry.first == client; };
+    if (std::none_of(streams.begin(), streams.end(), chosen)) return kKyoHALNotRunningError;
+    for (auto& entry : streams) {
+      if (chosen(entry) && entry.second->isRenderThread()) return kKyoHALIllegalOperationError;
+    }
+    for (auto it = streams.begin(); it != streams.end();) {
+      if (!chosen(*it)) {
+        ++it;
+        continue;
+      }
+      it->second->stop();
+      stopped.push_back(std::move(it->second));
+      it = streams.erase(it);
+    }
+    stillInUse = !streams.empty();
   }
-  stream.reset();
+  stopped.clear();
   std::lock_guard<std::mutex> lock(m_state->mutex);
-  device->inUse = false;
+  device->inUse = stillInUse;
   return kKyoHALNoError;
 }
 

@@ -83,11 +83,13 @@ class KyoHAL {
   uint64_t addListener(KyoHALListener listener);
   void removeListener(uint64_t token);
 
-  // Starts the device's render callback. Answers a status; on failure the callback
-  // never runs. stopIO returns only after the last callback has returned, and takes
-  // no lock that the callback takes.
+  // Starts a render callback on the device, one per client: several clients (open
+  // shows) may drive the same device at once. Answers a status; on failure the
+  // callback never runs. stopIO stops the client's callback (every client's when
+  // null), returns only after its last call has returned, and takes no lock that a
+  // callback takes.
   int32_t startIO(KyoAudioObjectID device, bool enableInput, KyoHALIOProc proc, void* client);
-  int32_t stopIO(KyoAudioObjectID device);
+  int32_t stopIO(KyoAudioObjectID device, void* client = nullptr);
 
   // Offline devices: not listed, never default. pullOffline renders cycles on the
   // caller's thread and appends them to the device's recording.

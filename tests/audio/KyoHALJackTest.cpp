@@ -88,6 +88,17 @@ TEST(KyoHALJack, ServerIsListedAsTheDefaultAndRendersWithoutAllocating) {
     EXPECT_FALSE(again.calledAfterStop.load());
   }
   EXPECT_FALSE(cycles.calledAfterStop.load());
+
+  // Two shows on the one server: two clients, each with its own cycles.
+  JackCycles first, second;
+  ASSERT_EQ(hal.startIO(id, false, rampProc, &first), kKyoHALNoError);
+  ASSERT_EQ(hal.startIO(id, false, rampProc, &second), kKyoHALNoError);
+  ASSERT_TRUE(eventually([&] { return first.count.load() >= 2 && second.count.load() >= 2; }));
+  ASSERT_EQ(hal.stopIO(id, &first), kKyoHALNoError);
+  const int from = second.count.load();
+  EXPECT_TRUE(eventually([&] { return second.count.load() >= from + 2; }));
+  stopAndCheck(id, second);
+  EXPECT_FALSE(first.wrongShape.load());
 }
 
 // Death while open: 'livn' on the listener thread, then stop answers without hanging

@@ -80,6 +80,32 @@ TEST(KyoHALNull, StopReturnsAfterTheLastCallback) {
   ASSERT_EQ(hal.setBufferSizeInFrames(id, 512), kKyoHALNoError);
 }
 
+// Two open shows on one device: each client has its own callback, and stopping one
+// leaves the other running.
+TEST(KyoHALNull, EachClientDrivesTheDeviceAndStopsAlone) {
+  KyoHAL& hal = KyoHAL::shared();
+  KyoAudioObjectID id = nullDevice();
+  Cycles first, second;
+  ASSERT_EQ(hal.startIO(id, false, rampProc, &first), kKyoHALNoError);
+  ASSERT_EQ(hal.startIO(id, false, rampProc, &second), kKyoHALNoError);
+  EXPECT_EQ(hal.startIO(id, false, rampProc, &first), kKyoHALIllegalOperationError);
+  ASSERT_TRUE(eventually([&] { return first.count.load() >= 2 && second.count.load() >= 2; }));
+
+  ASSERT_EQ(hal.stopIO(id, &first), kKyoHALNoError);
+  first.stopped.store(true);
+  EXPECT_EQ(first.inside.load(), 0);
+  EXPECT_EQ(hal.stopIO(id, &first), kKyoHALNotRunningError);
+  const int from = second.count.load();
+  EXPECT_TRUE(eventually([&] { return second.count.load() >= from + 2; }));
+  EXPECT_FALSE(first.calledAfterStop.load());
+
+  ASSERT_EQ(hal.stopIO(id), kKyoHALNoError);  // every client's
+  second.stopped.store(true);
+  EXPECT_EQ(second.inside.load(), 0);
+  EXPECT_EQ(hal.stopIO(id), kKyoHALNotRunningError);
+  EXPECT_FALSE(first.wrongShape.load() || second.wrongShape.load());
+}
+
 // A callback that overruns its period raises 'over', delivered on the layer's
 // listener thread: neither the caller's nor the render thread.
 struct Slow {

@@ -719,16 +719,7 @@ void WorkspaceController::rebuildRecentMenu() {
 void WorkspaceController::saveDocument(std::function<void()> then) {
   if (!m_workspace) return;
   if (m_workspace->fileURL().isEmpty()) return saveDocumentAs(std::move(then));
-  const QUrl url = m_workspace->fileURL();
-  QPointer<WorkspaceController> self(this);
-  m_workspace->saveToURL(url, [self, url, then](bool ok, const SavingError& error) {
-    if (!ok) {
-      SontoAlerts::showSavingError(self, error);
-      return;
-    }
-    SontoDocumentController::sharedDocumentController().noteRecentDocument(url.toLocalFile());
-    if (self && then) then();
-  });
+  saveToURL(m_workspace->fileURL(), std::move(then));
 }
 
 void WorkspaceController::saveDocumentAs(std::function<void()> then) {
@@ -737,7 +728,12 @@ void WorkspaceController::saveDocumentAs(std::function<void()> then) {
   if (path.isEmpty()) return;
   const QString extension = QStringLiteral(".") + QString::fromLatin1(WorkspaceFile::kExtension);
   if (!path.endsWith(extension, Qt::CaseInsensitive)) path += extension;
-  const QUrl url = QUrl::fromLocalFile(path);
+  saveToURL(QUrl::fromLocalFile(path), std::move(then));
+}
+
+// The save runs in the background; `then` runs once it has succeeded and only while
+// this window is still open.
+void WorkspaceController::saveToURL(const QUrl& url, std::function<void()> then) {
   QPointer<WorkspaceController> self(this);
   m_workspace->saveToURL(url, [self, url, then](bool ok, const SavingError& error) {
     if (!ok) {

@@ -112,6 +112,7 @@ class WorkspaceController : public QMainWindow {
   // thread: `then` runs after a save that succeeded. A failure shows its message.
   void saveDocument(std::function<void()> then = {});
   void saveDocumentAs(std::function<void()> then = {});
+  void saveToURL(const QUrl& url, std::function<void()> then);
   void revertDocumentToSaved();
   // False when the operator cancelled the question about unsaved changes, or chose
   // Save: then the window closes once the save has succeeded.

@@ -297,11 +297,16 @@ void WorkspaceController::buildMenus() {
 
 // -- Carts
 
+namespace {
+// A tab takes "&" as the mark of a shortcut letter; a cart's name means it as itself.
+QString tabLabel(const Cart* cart) { return QString::fromStdString(cart->name()).replace('&', QStringLiteral("&&")); }
+}  // namespace
+
 void WorkspaceController::addTabForCartController(GridController* controller) {
   ++m_tabCount;
   // A default name is never reused in one window's life.
   if (controller->cart()->name().empty()) controller->cart()->setName("Cart " + std::to_string(m_tabCount));
-  m_tabView->addTab(controller->gridView(), QString::fromStdString(controller->cart()->name()));
+  m_tabView->addTab(controller->gridView(), tabLabel(controller->cart()));
 }
 
 void WorkspaceController::syncGridControllers() {
@@ -339,7 +344,7 @@ void WorkspaceController::syncGridControllers() {
 void WorkspaceController::updateTabLabels() {
   for (int tab = 0; tab < m_tabView->count(); ++tab) {
     if (GridController* controller = controllerForTab(tab)) {
-      m_tabView->setTabText(tab, QString::fromStdString(controller->cart()->name()));
+      m_tabView->setTabText(tab, tabLabel(controller->cart()));
     }
   }
 }

@@ -36,6 +36,7 @@
 #include "surface/GridController.h"
 #include "surface/GridView.h"
 #include "surface/LogController.h"
+#include "surface/PrefsController.h"
 #include "surface/SettingsController.h"
 #include "surface/SontoAlerts.h"
 #include "surface/SontoDocumentController.h"
@@ -269,6 +270,14 @@ void WorkspaceController::buildMenus() {
   m_pasteAction = edit->addAction(QStringLiteral("&Paste"), this, &WorkspaceController::paste);
   m_pasteAction->setShortcut(QKeySequence::Paste);
   m_deleteAction = edit->addAction(QStringLiteral("&Delete"), this, &WorkspaceController::deleteCue);
+  edit->addSeparator();
+  QAction* prefs = edit->addAction(QStringLiteral("Pr&eferences…"), this, [] {
+    PrefsController& window = PrefsController::shared();
+    window.show();
+    window.raise();
+    window.activateWindow();
+  });
+  prefs->setMenuRole(QAction::PreferencesRole);
   connect(edit, &QMenu::aboutToShow, this, &WorkspaceController::updateMenus);
 
   QMenu* show = menuBar()->addMenu(QStringLiteral("&Show"));

@@ -8,6 +8,7 @@
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
 #include <thread>
@@ -17,7 +18,9 @@
 #include "foundation/KyoNotificationCenter.h"
 #include "show/SontoLogger.h"
 #include "support/Waiting.h"
+#include "foundation/KyoEnvironment.h"
 #include "surface/LogController.h"
+#include "surface/PrefsController.h"
 #include "surface/SettingsController.h"
 #include "surface/SontoKeyEvents.h"
 #include "surface/VarnHotKeyTextView.h"
@@ -255,4 +258,25 @@ TEST(LogWindow, FollowsItsLoggerClearsMutesAndSwitches) {
   // The closed window observes nothing any more; a late entry finds no one.
   EXPECT_EQ(KyoNotificationCenter::defaultCenter().observerCount(), observersBefore);
   logger->appendLog("After (a.wav)");
+}
+
+// The log level chosen is applied at once, kept in the user defaults and logged,
+// and the next window opens on it; a stored level outside the list shows the first.
+TEST(Preferences, TheChosenLogLevelIsAppliedStoredAndShownAgain) {
+  const long before = KyoEnvironment::logLevel();
+  {
+    PrefsController prefs;
+    sonto::test::LogCapture log;
+    QComboBox* popup = prefs.logLevelPopup();
+    ASSERT_EQ(popup->count(), PrefsController::kHighestLogLevel + 1);
+    popup->setCurrentIndex(popup->findData(2));
+    emit popup->activated(popup->currentIndex());
+    EXPECT_EQ(KyoEnvironment::logLevel(), 2);
+    EXPECT_TRUE(log.contains("Setting log level to 2"));
+  }
+  EXPECT_EQ(QSettings().value(PrefsController::kLogLevelKey).toInt(), 2);
+  EXPECT_EQ(PrefsController().logLevelPopup()->currentData().toInt(), 2);
+  QSettings().setValue(PrefsController::kLogLevelKey, 99);
+  EXPECT_EQ(PrefsController().logLevelPopup()->currentIndex(), 0);
+  KyoEnvironment::setLogLevel(before);
 }

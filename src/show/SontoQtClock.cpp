@@ -44,6 +44,7 @@ KyoClock::TimerId SontoQtClock::startTimer(double intervalSeconds, bool repeats,
     id = m_nextTimer++;
     m_timers[id].fire = std::make_shared<std::function<void()>>(std::move(fire));
   }
+  if (QCoreApplication::closingDown()) return id;  // nothing fires any more; see stopTimer
   if (isMainThread()) {
     makeTimer(id, intervalSeconds, repeats);
   } else {
@@ -93,6 +94,13 @@ void SontoQtClock::stopTimer(TimerId id) {
     m_timers.erase(it);
   }
   if (!timer) return;
+  if (QCoreApplication::closingDown()) {
+    // The application is going: its pending events are being destroyed, with the
+    // lock on them held, and a release from there may land here. Posting would wait
+    // for that lock on this same thread; no timer work runs any more anyway.
+    if (isMainThread()) delete timer;
+    return;
+  }
   if (isMainThread()) {
     timer->stop();
     timer->deleteLater();  // it may be the timer whose work is running now

@@ -12,6 +12,7 @@ namespace SontoAlerts {
 namespace {
 std::function<void(const QString&, const QString&)> g_alertHandler;
 std::function<Answer(const QString&, bool)> g_saveHandler;
+std::function<bool(const QString&)> g_revertHandler;
 std::function<QStringList()> g_openPanelHandler;
 std::function<QString(const QString&)> g_savePanelHandler;
 
@@ -36,6 +37,7 @@ void setAlertHandler(std::function<void(const QString&, const QString&)> handler
 }
 
 void setSaveQuestionHandler(std::function<Answer(const QString&, bool)> handler) { g_saveHandler = std::move(handler); }
+void setRevertQuestionHandler(std::function<bool(const QString&)> handler) { g_revertHandler = std::move(handler); }
 
 void showAlert(QWidget* parent, const QString& message, const QString& informativeText) {
   if (g_alertHandler) return g_alertHandler(message, informativeText);
@@ -62,6 +64,21 @@ Answer askToSaveChanges(QWidget* parent, const QString& documentName, bool canSa
   if (save && box.clickedButton() == save) return Answer::Save;
   if (box.clickedButton() == dontSave) return Answer::DontSave;
   return Answer::Cancel;
+}
+
+bool confirmRevert(QWidget* parent, const QString& documentName) {
+  if (g_revertHandler) return g_revertHandler(documentName);
+  QMessageBox box(parent);
+  box.setIcon(QMessageBox::Warning);
+  box.setText(QStringLiteral("Do you want to revert to the most recently saved version of the document \u201C%1\u201D?")
+                  .arg(documentName));
+  box.setInformativeText(QStringLiteral("Your current changes will be lost."));
+  QPushButton* revert = box.addButton(QStringLiteral("Revert"), QMessageBox::DestructiveRole);
+  QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+  box.setDefaultButton(cancel);
+  box.setEscapeButton(cancel);
+  box.exec();
+  return box.clickedButton() == revert;
 }
 
 void showSavingError(QWidget* parent, const SavingError& error) {

@@ -761,6 +761,7 @@ void WorkspaceController::saveToURL(const QUrl& url, std::function<void()> then)
 
 void WorkspaceController::revertDocumentToSaved() {
   if (!m_workspace || m_workspace->fileURL().isEmpty()) return;
+  if (m_workspace->isDocumentEdited() && !SontoAlerts::confirmRevert(this, m_workspace->displayName())) return;
   SavingError error;
   if (!m_workspace->revertToSaved(&error)) return SontoAlerts::showSavingError(this, error);
   workspaceDidRead();

@@ -99,7 +99,20 @@ TEST(Document, SaveAsEditRevertOnARealPackage) {
   t.window->newTab();
   QApplication::processEvents();
   EXPECT_TRUE(t.window->isWindowModified());
+  // Revert asks first; Cancel keeps the edits.
+  QStringList asked;
+  bool goOn = false;
+  SontoAlerts::setRevertQuestionHandler([&](const QString& name) {
+    asked << name;
+    return goOn;
+  });
   t.window->revertDocumentToSaved();
+  EXPECT_TRUE(t.window->isWindowModified());
+  EXPECT_EQ(t.window->tabView()->count(), 2);
+  goOn = true;
+  t.window->revertDocumentToSaved();
+  SontoAlerts::setRevertQuestionHandler({});
+  EXPECT_EQ(asked, QStringList({"Evening", "Evening"}));
   EXPECT_FALSE(t.window->isWindowModified());
   ASSERT_EQ(t.window->tabView()->count(), 1);
   EXPECT_EQ(t.window->tabView()->tabText(0), "Cart 1");

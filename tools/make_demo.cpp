@@ -111,23 +111,23 @@ bool makeSounds(const fs::path& media) {
 
 // Fills the cart's slots in order, each cue with its slot's default key and the
 // slot number as its MIDI note, as a file dropped on that slot would get them.
-bool placeCue(Cart& cart, unsigned long index, const DemoCue& spec, const fs::path& media,
+bool placeCue(Cart& cart, unsigned long index, const DemoCue& demo, const fs::path& media,
               const std::shared_ptr<KyoAudioDevice>& device) {
-  const fs::path file = media / spec.fileName;
+  const fs::path file = media / demo.fileName;
   auto cue = AudioCue::createWithFile(file.string(), device);
   if (!cue || cue->isBroken()) {
     std::fprintf(stderr, "make_demo: %s cannot be played: %s\n", file.c_str(),
                  cue ? cue->brokenExplanation().c_str() : "no cue");
     return false;
   }
-  cue->setName(spec.name);
-  cue->setColor(spec.color());
+  cue->setName(demo.name);
+  cue->setColor(demo.color());
   cue->setHotkey(cart.defaultHotkeyForIndex(index));
   cue->setMidiNote(static_cast<int>(cart.internalIndexForIndex(index)));
-  cue->setLoopsValue(spec.loops);
-  cue->setHold(spec.hold);
-  cue->setSolo(spec.solo);
-  cue->setVolumeValue(spec.volume);
+  cue->setLoopsValue(demo.loops);
+  cue->setHold(demo.hold);
+  cue->setSolo(demo.solo);
+  cue->setVolumeValue(demo.volume);
   cue->updateSlices();
   cart.setCue(cue, index);
   return true;

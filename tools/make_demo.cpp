@@ -25,6 +25,7 @@
 #include "show/AudioCue.h"
 #include "show/AudioCueSourceKyo.h"
 #include "show/Cart.h"
+#include "show/Workspace.h"
 #include "show/WorkspaceFile.h"
 #include "show/WorkspaceSettings.h"
 
@@ -201,30 +202,27 @@ int makeDemo(const fs::path& output) {
   }
   AudioCueSourceKyo::install();
 
-  auto document = std::make_shared<WorkspaceDocument>();
-  document->version = SONTO_VERSION_STRING;
-  WorkspaceSettings settings;
-  if (!setWorkspaceKeys(settings)) {
+  auto workspace = std::make_unique<Workspace>(build.device);
+  if (!setWorkspaceKeys(workspace->settings())) {
     std::fprintf(stderr, "make_demo: the workspace keys were refused\n");
     return 1;
   }
-  document->settings = settings.state();
   auto effects = makeCart("Music and Effects", {4.0f, 3.0f});
   auto spoken = makeCart("Announcements", {4.0f, 2.0f});
   for (size_t i = 0; i < kMusicAndEffects.size(); ++i)
     if (!placeCue(*effects, i, kMusicAndEffects[i], media, build.device)) return 1;
   for (size_t i = 0; i < announcements.size(); ++i)
     if (!placeCue(*spoken, i, announcements[i], media, build.device)) return 1;
-  document->carts = {effects, spoken};
+  workspace->setCarts({effects, spoken});
 
   SavingError saveError;
   const fs::path package = output / "Demo.sonto";
-  const bool saved = WorkspaceFile::writePackage(QUrl::fromLocalFile(QString::fromStdString(package.string())),
-                                                 *document, &saveError);
+  const bool saved = workspace->writeToURL(QUrl::fromLocalFile(QString::fromStdString(package.string())), &saveError);
   // The cues' sources go before the device they were made on.
-  document.reset();
   effects.reset();
   spoken.reset();
+  workspace->close();
+  workspace.reset();
   AudioCue::setSourceFactory(nullptr);
   if (!saved) {
     std::fprintf(stderr, "make_demo: cannot save %s: %s\n", package.c_str(), saveError.message.c_str());

@@ -417,8 +417,10 @@ std::shared_ptr<WorkspaceDocument> Workspace::makeDocument() const {
   auto d = std::make_shared<WorkspaceDocument>();
   d->version = SONTO_VERSION_STRING;
   if (m_audioDevice && !m_audioDevice->died()) {
+    // An offline device (a renderer's, a build tool's) is never listed, so its UID
+    // would find nothing after a restart: the show then opens on the default.
     const std::string uid = m_audioDevice->deviceUID();
-    if (!uid.empty()) d->audioDeviceUID = uid;
+    if (!uid.empty() && uid.rfind("offline:", 0) != 0) d->audioDeviceUID = uid;
   }
   d->deviceChannel = m_deviceChannel;
   d->carts = m_carts;

@@ -54,6 +54,10 @@ class AudioCueSource {
   virtual double audioLengthInSeconds() const { return 0.0; }
   virtual double startTime() const { return 0.0; }
   virtual double endTime() const { return 0.0; }
+  // Where playback stands in the file, in seconds: the waveform's cursor.
+  virtual double currentFileTime() const { return 0.0; }
+  // The file the source reads, as it was last given; null without one.
+  virtual std::shared_ptr<KyoAlias> alias() const { return nullptr; }
 
   virtual void setEffects(const std::vector<std::shared_ptr<KyoEffect>>& /*effects*/) {}
   virtual void addEffect(const std::shared_ptr<KyoEffect>& /*effect*/) {}

@@ -48,6 +48,8 @@ double AudioCueSourceKyo::elapsedPlayTime() const { return m_source->elapsedPlay
 double AudioCueSourceKyo::audioLengthInSeconds() const { return m_source->audioLengthInSeconds(); }
 double AudioCueSourceKyo::startTime() const { return m_source->startTime(); }
 double AudioCueSourceKyo::endTime() const { return m_source->endTime(); }
+double AudioCueSourceKyo::currentFileTime() const { return m_source->currentFileTime(); }
+std::shared_ptr<KyoAlias> AudioCueSourceKyo::alias() const { return m_source->alias(); }
 
 void AudioCueSourceKyo::setEffects(const std::vector<std::shared_ptr<KyoEffect>>& effects) {
   m_source->setEffects(effects);

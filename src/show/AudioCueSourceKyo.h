@@ -42,6 +42,8 @@ class AudioCueSourceKyo final : public AudioCueSource {
   double audioLengthInSeconds() const override;
   double startTime() const override;
   double endTime() const override;
+  double currentFileTime() const override;
+  std::shared_ptr<KyoAlias> alias() const override;
   void setEffects(const std::vector<std::shared_ptr<KyoEffect>>& effects) override;
   void addEffect(const std::shared_ptr<KyoEffect>& effect) override;
   void removeEffect(const std::shared_ptr<KyoEffect>& effect) override;

@@ -23,8 +23,10 @@
 #include "foundation/SontoColor.h"
 #include "show/AudioCue.h"
 #include "show/SontoUndoManager.h"
+#include "surface/CueInspectorController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "surface/InspectorController.h"
 #include "surface/SontoTheme.h"
 
 namespace {
@@ -203,7 +205,15 @@ void CueCellController::toggleDucking() {
 }
 
 void CueCellController::setColorName(const std::string& name) {
-  if (!audioCue()) return;
+  AudioCue* cue = audioCue();
+  if (!cue) return;
+  // The inspector makes every change of the cue it shows undoable; a second step
+  // here would undo the same change twice.
+  InspectorController* inspector = m_controller ? m_controller->inspectorController() : nullptr;
+  if (inspector && inspector->cueInspectorController()->observes(cue)) {
+    if (!cue->color().isEqualToColor(SontoColor::colorWithName(name))) cue->setColor(SontoColor::colorWithName(name));
+    return;
+  }
   setColorWithUndo(m_cue, name, m_controller ? m_controller->undoManager() : nullptr);
 }
 

@@ -13,6 +13,7 @@
 #include "show/SontoUndoManager.h"
 #include "surface/CueCellController.h"
 #include "surface/GridView.h"
+#include "surface/InspectorController.h"
 #include "show/Workspace.h"
 #include "surface/SontoAlerts.h"
 #include "surface/WorkspaceController.h"
@@ -44,6 +45,10 @@ GridController::~GridController() {
 
 Workspace* GridController::workspace() const {
   return m_workspaceController ? m_workspaceController->workspace() : nullptr;
+}
+
+InspectorController* GridController::inspectorController() const {
+  return m_workspaceController ? m_workspaceController->inspectorController() : nullptr;
 }
 
 SontoUndoManager* GridController::undoManager() const {
@@ -143,6 +148,9 @@ void GridController::removeCueAtIndex(unsigned index) {
   std::shared_ptr<Cue> cue = m_cart->sharedCueAtIndex(index);
   if (!cue) return;
   cue->hardStop();
+  if (index == m_gridView->selectedIndex()) {
+    if (InspectorController* inspector = inspectorController()) inspector->setCue(nullptr);
+  }
   if (CueCellController* cell = m_gridView->cellAtIndex(index)) cell->setCue(nullptr);
   if (SontoUndoManager* undo = undoManager()) {
     undo->registerUndo(this, [this, cue, index] { addCue(cue, index); });
@@ -194,6 +202,7 @@ void GridController::setCartSize(CartSize size) {
     if (!undo->isUndoing()) undo->setActionName(QStringLiteral("Change Size"));
   }
   reloadData();
+  if (InspectorController* inspector = inspectorController()) inspector->setCue(nullptr);
 }
 
 void GridController::setCartSizeUndoable(CartSize size) {
@@ -271,6 +280,9 @@ bool GridController::gridViewShouldSelectItemAtIndex(unsigned) const { return !i
 
 void GridController::gridViewDidSelectItemAtIndex(unsigned index) {
   Cue* cue = cueForIndex(index);
+  if (InspectorController* inspector = inspectorController()) {
+    inspector->setCue(std::dynamic_pointer_cast<AudioCue>(sharedCueForIndex(index)));
+  }
   if (cue && isLocked()) cue->trigger();
 }
 

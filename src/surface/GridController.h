@@ -20,6 +20,7 @@
 class AudioCue;
 class Cue;
 class GridView;
+class InspectorController;
 class SontoUndoManager;
 class Workspace;
 class WorkspaceController;
@@ -39,6 +40,7 @@ class GridController : public QObject {
   WorkspaceController* workspaceController() const { return m_workspaceController; }
   Workspace* workspace() const;
   SontoUndoManager* undoManager() const;
+  InspectorController* inspectorController() const;
 
   void reloadData();
   void lockCart();

@@ -56,10 +56,12 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   layout->setContentsMargins(0, 0, 0, 0);
   layout->setSpacing(0);
 
-  // The carts over the inspector's pane; the pane stays empty until the inspector
-  // is built, and show mode collapses it.
+  // The carts over the inspector's pane. Only the inspector collapses, and it keeps
+  // its height when the window is resized: the grid takes the change.
   m_splitView = new QSplitter(Qt::Vertical, central);
+  m_splitView->setChildrenCollapsible(false);
   m_mainPane = new QWidget(m_splitView);
+  m_mainPane->setMinimumHeight(kMinimumPaneHeight);
   auto* mainLayout = new QVBoxLayout(m_mainPane);
   mainLayout->setContentsMargins(0, 0, 0, 0);
   m_tabView = new QTabWidget(m_mainPane);
@@ -69,14 +71,17 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   mainLayout->addWidget(m_tabView);
   m_inspectorPane = new QWidget(m_splitView);
   m_inspectorPane->setObjectName(QStringLiteral("inspectorPane"));
-  m_inspectorPane->setMinimumHeight(0);
+  m_inspectorPane->setMinimumHeight(kMinimumPaneHeight);
   m_splitView->addWidget(m_mainPane);
   m_splitView->addWidget(m_inspectorPane);
   m_splitView->setCollapsible(0, false);
+  m_splitView->setCollapsible(1, true);
   m_splitView->setStretchFactor(0, 1);
   m_splitView->setStretchFactor(1, 0);
   m_splitView->setSizes({520, 0});
   m_inspectorVisible = false;
+  m_inspectorController = new InspectorController(this, m_inspectorPane);
+  connect(m_splitView, &QSplitter::splitterMoved, this, &WorkspaceController::splitViewDidResizeSubviews);
   layout->addWidget(m_splitView, 1);
   layout->addWidget(buildBottomBar());
   setCentralWidget(central);
@@ -114,6 +119,7 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
 
 WorkspaceController::~WorkspaceController() {
   invalidate();
+  m_inspectorController->setCue(nullptr);
   // The grids go before the workspace whose carts they show.
   m_tabView->clear();
   m_gridControllers.clear();
@@ -160,9 +166,12 @@ QWidget* WorkspaceController::buildBottomBar() {
   };
   m_pauseAllButton = makeButton(QStringLiteral("Pause All"), QStringLiteral("Pause every cue, or resume them"));
   m_pauseAllButton->setCheckable(true);
+  m_pauseAllButton->setObjectName(QStringLiteral("pauseAllButton"));
   m_duckingButton = makeButton(QStringLiteral("Duck"), QStringLiteral("Lower the master level, or bring it back"));
   m_duckingButton->setCheckable(true);
+  m_duckingButton->setObjectName(QStringLiteral("duckingButton"));
   m_panicButton = makeButton(QStringLiteral("Panic"), QStringLiteral("Fade out every cue; a second press cuts"));
+  m_panicButton->setObjectName(QStringLiteral("panicButton"));
   m_panicButton->setStyleSheet(QStringLiteral("QPushButton { background: rgb(150, 40, 36); color: white; }"));
   connect(m_pauseAllButton, &QPushButton::clicked, this, [this] {
     togglePause();
@@ -182,6 +191,7 @@ QWidget* WorkspaceController::buildBottomBar() {
   auto* volumeLabel = new QLabel(QStringLiteral("Master"), m_volumeContainer);
   volume->addWidget(volumeLabel);
   m_volumeSlider = new QSlider(Qt::Horizontal, m_volumeContainer);
+  m_volumeSlider->setObjectName(QStringLiteral("masterVolume"));
   m_volumeSlider->setRange(0, kVolumeSteps);
   m_volumeSlider->setMinimumWidth(180);
   m_volumeSlider->setFocusPolicy(Qt::TabFocus);
@@ -204,6 +214,8 @@ QWidget* WorkspaceController::buildBottomBar() {
   m_modeButton->setExclusive(true);
   m_editModeButton = new QPushButton(QStringLiteral("Edit"), modes);
   m_showModeButton = new QPushButton(QStringLiteral("Show"), modes);
+  m_editModeButton->setObjectName(QStringLiteral("editModeButton"));
+  m_showModeButton->setObjectName(QStringLiteral("showModeButton"));
   for (auto* button : {m_editModeButton, m_showModeButton}) {
     button->setCheckable(true);
     button->setMinimumSize(72, 40);
@@ -293,6 +305,10 @@ void WorkspaceController::buildMenus() {
   show->addSeparator();
   show->addAction(QStringLiteral("Maximum Volume"), this, [this] { changeVolume(1.0f); });
   show->addAction(QStringLiteral("Minimum Volume"), this, [this] { changeVolume(0.0f); });
+  show->addSeparator();
+  m_toggleInspectorAction = show->addAction(QStringLiteral("Toggle Inspector"), this, &WorkspaceController::toggleInspector);
+  m_toggleInspectorAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_I));
+  m_toggleInspectorAction->setCheckable(true);
   show->addSeparator();
   m_newTabAction = show->addAction(QStringLiteral("New Cart"), this, &WorkspaceController::newTab);
   m_renameCartAction = show->addAction(QStringLiteral("Rename Cart\u2026"), this, &WorkspaceController::renameCart);
@@ -427,25 +443,68 @@ void WorkspaceController::setShowMode() {
   if (!m_workspace) return;
   m_workspace->setLocked(true);
   m_showModeButton->setChecked(true);
-  // The inspector's pane collapses, remembering its height for edit mode.
-  if (m_inspectorVisible) {
-    m_heightOfInspector = m_inspectorPane->height();
-    m_inspectorVisible = false;
-  }
-  m_splitView->setSizes({m_splitView->height(), 0});
-  m_splitView->handle(1)->setEnabled(false);
+  m_inspectorController->setCue(nullptr);
+  hideInspector();
+  makeCartFirstResponder();
   m_tabView->tabBar()->setMovable(false);
   for (const auto& controller : m_gridControllers) controller->lockCart();
-  makeCartFirstResponder();
   updateMenus();
 }
 
 void WorkspaceController::setEditMode() {
   if (!m_workspace) return;
   m_workspace->setLocked(false);
+  showInspector();
   m_editModeButton->setChecked(true);
-  m_splitView->handle(1)->setEnabled(true);
   for (const auto& controller : m_gridControllers) controller->unlockCart();
+  updateMenus();
+}
+
+// -- The inspector's pane
+
+void WorkspaceController::showInspector() {
+  if (m_inspectorVisible) return;
+  const int total = std::max(m_splitView->height(), 2 * kMinimumPaneHeight);
+  const int inspector = std::max(m_heightOfInspector, kMinimumPaneHeight);
+  m_splitView->setSizes({std::max(total - inspector - m_splitView->handleWidth(), kMinimumPaneHeight), inspector});
+  m_splitView->handle(1)->setVisible(true);
+  if (GridController* controller = selectedController()) {
+    m_inspectorController->setCue(std::dynamic_pointer_cast<AudioCue>(controller->sharedCueForIndex(
+        controller->gridView()->selectedIndex())));
+  }
+  m_inspectorVisible = true;
+  updateMenus();
+}
+
+void WorkspaceController::hideInspector() {
+  if (m_inspectorVisible) {
+    // A capture left waiting would take the next note played in the show.
+    m_inspectorController->cueInspectorController()->setCaptureMIDI(false);
+    m_heightOfInspector = m_inspectorPane->height();
+    m_inspectorVisible = false;
+  }
+  m_splitView->setSizes({m_splitView->height(), 0});
+  m_splitView->handle(1)->setVisible(!isLocked());
+  updateMenus();
+}
+
+void WorkspaceController::toggleInspector() {
+  if (isLocked()) return;
+  m_inspectorVisible ? hideInspector() : showInspector();
+}
+
+void WorkspaceController::toggleBrokenCueView() { m_inspectorController->toggleBrokenCueView(); }
+
+// A drag of the divider: a collapse hides the inspector, any other height is kept.
+void WorkspaceController::splitViewDidResizeSubviews() {
+  const int height = m_splitView->sizes().value(1);
+  if (height == 0) {
+    if (m_inspectorVisible) m_inspectorController->cueInspectorController()->setCaptureMIDI(false);
+    m_inspectorVisible = false;
+  } else if (!isLocked()) {
+    m_inspectorVisible = true;
+    m_heightOfInspector = height;
+  }
   updateMenus();
 }
 
@@ -538,6 +597,13 @@ void WorkspaceController::processMIDIMessages(const std::vector<SontoMIDIMessage
   for (const SontoMIDIMessage& message : messages) {
     KYO_LOG_AT(3, "MIDI voice message received on channel %u", static_cast<unsigned>(message.channel()));
     if (channel == 0 || static_cast<long>(message.channel()) == channel) kept.push_back(message);
+  }
+  // A note being captured becomes the selected cue's trigger and fires nothing. The
+  // batch is closed all the same: left open, it would hold back the next cue fired
+  // by mouse until some later key or note.
+  if (m_inspectorController->processMIDIMessages(kept)) {
+    if (device) device->endSyncedActions();
+    return;
   }
   GridController* selected = selectedController();
   for (const auto& controller : m_gridControllers) {
@@ -706,6 +772,8 @@ void WorkspaceController::updateMenus() {
   m_editModeAction->setEnabled(locked);
   m_showModeAction->setEnabled(!locked);
   m_newTabAction->setEnabled(!locked);
+  m_toggleInspectorAction->setEnabled(!locked);
+  m_toggleInspectorAction->setChecked(m_inspectorVisible);
   m_renameCartAction->setEnabled(!locked);
   m_gridMenu->setEnabled(!locked);
   m_settingsAction->setEnabled(!locked);

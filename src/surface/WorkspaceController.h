@@ -19,6 +19,7 @@
 
 class Cue;
 class GridController;
+class InspectorController;
 class QAction;
 class QButtonGroup;
 class QLabel;
@@ -52,6 +53,19 @@ class WorkspaceController : public QMainWindow {
   GridController* controllerForTab(int tab) const;
   void makeCartFirstResponder();
   void selectCue(const Cue* cue);
+
+  // The inspector's pane under the grid: edit mode only. Its height is kept across
+  // hide and show, and both panes keep at least kMinimumPaneHeight.
+  InspectorController* inspectorController() const { return m_inspectorController; }
+  bool isInspectorVisible() const { return m_inspectorVisible; }
+  int heightOfInspector() const { return m_heightOfInspector; }
+  QSplitter* splitView() const { return m_splitView; }
+  void showInspector();
+  void hideInspector();
+  void toggleInspector();
+  void setInspectorVisible(bool visible) { visible ? showInspector() : hideInspector(); }
+  void toggleBrokenCueView();
+  static constexpr int kMinimumPaneHeight = 200;
 
   // Modes: show mode is the document's lock.
   bool isLocked() const;
@@ -145,6 +159,7 @@ class WorkspaceController : public QMainWindow {
   void updateDuringDuck();
   void updateVolumeSlider();
   void rebuildRecentMenu();
+  void splitViewDidResizeSubviews();
 
   Workspace* m_workspace = nullptr;
   std::shared_ptr<Workspace> m_document;
@@ -180,6 +195,7 @@ class WorkspaceController : public QMainWindow {
   QAction* m_editModeAction = nullptr;
   QAction* m_showModeAction = nullptr;
   QAction* m_newTabAction = nullptr;
+  QAction* m_toggleInspectorAction = nullptr;
   QMenu* m_gridMenu = nullptr;
   QAction* m_renameCartAction = nullptr;
   QAction* m_saveAction = nullptr;
@@ -189,6 +205,7 @@ class WorkspaceController : public QMainWindow {
   QMenu* m_recentMenu = nullptr;
   SettingsController* m_settingsController = nullptr;
   LogController* m_logController = nullptr;
+  InspectorController* m_inspectorController = nullptr;
   // Set while the window waits for the save that its close asked for.
   bool m_closingAfterSave = false;
 };

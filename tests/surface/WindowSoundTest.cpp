@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "SoundTestSupport.h"
 #include "SurfaceTestSupport.h"
 #include "audio/KyoAudioDevice.h"
 #include "audio/KyoAudioMetaBuffer.h"
@@ -31,71 +32,9 @@
 #include "surface/SontoDocumentController.h"
 #include "surface/WorkspaceController.h"
 
-using sonto::test::rampSample;
+using namespace sonto::test;
 
 namespace {
-
-constexpr double kRate = 48000;
-constexpr uint32_t kFrames = 480;
-
-// An offline device pulled by hand, keeping what it rendered.
-struct Offline {
-  Offline() {
-    id = KyoHAL::shared().createOfflineDevice(2, kRate, kFrames, 0);
-    device = KyoAudioDevice::deviceWithID(id);
-    if (device) device->open();
-  }
-  ~Offline() {
-    if (device) device->close();
-    device.reset();
-    KyoHAL::shared().destroyOfflineDevice(id);
-  }
-  std::vector<float> left() { return KyoHAL::shared().offlineRecording(id).at(0); }
-  KyoAudioObjectID id = 0;
-  std::shared_ptr<KyoAudioDevice> device;
-};
-
-// Cues made while it lives play through the engine.
-struct EngineSources {
-  EngineSources() { AudioCueSourceKyo::install(); }
-  ~EngineSources() { AudioCue::setSourceFactory(nullptr); }
-};
-
-// Virtual time for the test's life; the application's clock comes back after.
-struct VirtualTime {
-  VirtualTime() : clock(std::make_shared<KyoVirtualClock>()) { KyoInstallClock(clock); }
-  ~VirtualTime() {
-    clock->settle();
-    KyoInstallClock(std::make_shared<SontoQtClock>());
-  }
-  // One cycle rendered, then time moved on by its length.
-  void render(Offline& out, int cycles) {
-    for (int i = 0; i < cycles; ++i) {
-      clock->settle();
-      KyoHAL::shared().pullOffline(out.id, 1);
-      clock->advance(kFrames / kRate);
-    }
-  }
-  std::shared_ptr<KyoVirtualClock> clock;
-};
-
-std::string ramp(const std::string& name, int64_t frames) {
-  const std::string path = sonto::test::temporaryPath(name);
-  EXPECT_TRUE(sonto::test::writeRampFile(path, SF_FORMAT_WAV | SF_FORMAT_FLOAT, kRate, 2, frames));
-  return path;
-}
-
-bool readyToPlay(Cue* cue) {
-  auto* audio = dynamic_cast<AudioCue*>(cue);
-  auto* source = audio ? dynamic_cast<AudioCueSourceKyo*>(audio->audioSource()) : nullptr;
-  if (!source) return false;
-  KyoPlainClock real;
-  for (int i = 0; i < 5000; ++i) {
-    if (source->source()->buffer() && source->source()->buffer()->isReadyToPlay()) return true;
-    real.sleepFor(0.002);
-  }
-  return false;
-}
 
 // Frames from `from` on that differ from the file played from its start.
 size_t wrongFrames(const std::vector<float>& channel, size_t from, size_t count) {
@@ -224,7 +163,7 @@ TEST(WindowSound, MasterSliderFollowsTheDuckRamp) {
   VirtualTime time;
   Offline out;
   TestWindow t(out.device);
-  auto* slider = t.window->findChild<QSlider*>();
+  auto* slider = t.window->findChild<QSlider*>(QStringLiteral("masterVolume"));
   ASSERT_TRUE(slider);
   ASSERT_EQ(slider->value(), slider->maximum());
   t.window->toggleDucking();
@@ -247,53 +186,6 @@ TEST(WindowSound, MasterSliderFollowsTheDuckRamp) {
   EXPECT_FLOAT_EQ(t.workspace()->storedMasterVolume(), 1.0f);
 }
 
-namespace {
-
-// A JACK client that writes a script of raw messages into its MIDI output, all in
-// one cycle, when asked.
-class MIDISender {
- public:
-  MIDISender() {
-    m_client = jack_client_open("sender", JackNoStartServer, nullptr);
-    if (!m_client) return;
-    m_port = jack_port_register(m_client, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
-    jack_set_process_callback(m_client, &MIDISender::process, this);
-    jack_activate(m_client);
-  }
-  ~MIDISender() {
-    if (m_client) jack_client_close(m_client);
-  }
-  bool ok() const { return m_client && m_port; }
-  jack_client_t* client() const { return m_client; }
-  std::string portName() const { return jack_port_name(m_port); }
-  // Any thread other than the process one; the next cycle writes it.
-  void send(std::vector<std::vector<uint8_t>> script) {
-    while (m_pending.load()) {
-      KyoPlainClock().sleepFor(0.001);
-    }
-    m_script = std::move(script);
-    m_pending = true;
-  }
-
- private:
-  static int process(jack_nframes_t frames, void* arg) {
-    auto* self = static_cast<MIDISender*>(arg);
-    void* buffer = jack_port_get_buffer(self->m_port, frames);
-    jack_midi_clear_buffer(buffer);
-    if (self->m_pending.load()) {
-      jack_nframes_t time = 0;
-      for (const auto& bytes : self->m_script) jack_midi_event_write(buffer, time++, bytes.data(), bytes.size());
-      self->m_pending = false;
-    }
-    return 0;
-  }
-  jack_client_t* m_client = nullptr;
-  jack_port_t* m_port = nullptr;
-  std::vector<std::vector<uint8_t>> m_script;
-  std::atomic<bool> m_pending{false};
-};
-
-}  // namespace
 
 // Notes from another program reach every cart of two open shows through the input
 // stream and the document controller, each show under its own channel filter.

@@ -31,7 +31,6 @@
 
 namespace {
 
-QColor qColor(const KyoRGBA& c) { return QColor::fromRgbF(c.red, c.green, c.blue, c.alpha); }
 QColor white(double alpha) { return QColor::fromRgbF(1.0, 1.0, 1.0, alpha); }
 QColor black(double alpha) { return QColor::fromRgbF(0.0, 0.0, 0.0, alpha); }
 
@@ -56,6 +55,23 @@ void strokeGlow(QPainter& painter, const QPainterPath& path, QColor color, doubl
 }
 
 QString qString(const std::string& text) { return QString::fromStdString(text); }
+
+// Text on a pad: its plate (if the pad needs one) hugging the text, the shadow a pixel
+// below, the text on top.
+void drawPadText(QPainter& painter, const QRectF& rect, int flags, const QString& text,
+                 const SontoTheme::PadTextStyle& style) {
+  if (text.isEmpty()) return;
+  if (style.plate.alpha() > 0) {
+    const QRectF bounds = painter.boundingRect(rect, flags, text).intersected(rect);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(style.plate);
+    painter.drawRoundedRect(bounds.adjusted(-4.0, -1.0, 4.0, 1.0), 3.0, 3.0);
+  }
+  painter.setPen(style.shadow);
+  painter.drawText(rect.translated(0.0, 1.0), flags, text);
+  painter.setPen(style.text);
+  painter.drawText(rect, flags, text);
+}
 
 // Cue time read-outs from its progress over the played range, in seconds.
 double playedLength(const AudioCue& cue) { return std::max(0.0, cue.endTime() - cue.startTime()); }
@@ -576,11 +592,14 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   painter.setClipPath(pad);
   const SontoColor color = cue ? cue->color() : SontoColor::defaultColor();
   QLinearGradient gradient(0.0, 0.0, 0.0, height());
-  const QColor top = qColor(color.gradient().startColor());
-  const QColor bottom = qColor(color.gradient().endColor());
-  gradient.setColorAt(0.0, m_pressed ? bottom : top);
-  gradient.setColorAt(1.0, m_pressed ? top : bottom);
+  const auto [top, bottom] = SontoTheme::padGradient(color, m_pressed);
+  gradient.setColorAt(0.0, top);
+  gradient.setColorAt(1.0, bottom);
   painter.fillRect(rect(), gradient);
+  // The foot: a dark strip under the times and the progress bar.
+  const double footHeight = 34.0;
+  const SontoTheme::PadTextStyle timeStyle = SontoTheme::padTextStyle(color, SontoTheme::PadText::Time);
+  painter.fillRect(QRectF(r.x(), r.bottom() - footHeight, r.width(), footHeight), timeStyle.plate);
   painter.restore();
 
   painter.save();
@@ -600,23 +619,23 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   painter.save();
   QFont font = painter.font();
   double textTop = r.y() + 6.0;
+  const SontoTheme::PadTextStyle badgeStyle = SontoTheme::padTextStyle(color, SontoTheme::PadText::Badge);
   if (locked) {
     // The key in large type, readable from the back of the booth.
     font.setPixelSize(24);
+    font.setBold(true);
     painter.setFont(font);
     const QRectF keyRect(15.0, r.y() + 4.0, r.width() - 20.0, 30.0);
-    painter.setPen(black(0.25));
-    painter.drawText(keyRect.translated(0.0, 1.0), Qt::AlignLeft | Qt::AlignVCenter, qString(plain->hotkey()));
-    painter.setPen(white(0.95));
-    painter.drawText(keyRect, Qt::AlignLeft | Qt::AlignVCenter, qString(plain->hotkey()));
+    drawPadText(painter, keyRect, Qt::AlignLeft | Qt::AlignVCenter, qString(plain->hotkey()),
+                SontoTheme::padTextStyle(color, SontoTheme::PadText::Key));
     textTop = r.y() + 36.0;
   } else {
     // The play button: a triangle, or a square while the cue plays.
     const QRectF button = playButtonRect();
     painter.setPen(Qt::NoPen);
-    painter.setBrush(black(0.3));
+    painter.setBrush(badgeStyle.plate);
     painter.drawEllipse(button);
-    painter.setBrush(white(0.9));
+    painter.setBrush(badgeStyle.text);
     const QPointF c = button.center();
     if (cue && cue->playing()) {
       painter.drawRect(QRectF(c.x() - 4.5, c.y() - 4.5, 9.0, 9.0));
@@ -638,9 +657,9 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
       if (!on) continue;
       const QRectF icon(x, r.y() + 8.0, 18.0, 16.0);
       painter.setPen(Qt::NoPen);
-      painter.setBrush(black(0.35));
+      painter.setBrush(badgeStyle.plate);
       painter.drawRoundedRect(icon, 3.0, 3.0);
-      painter.setPen(white(0.9));
+      painter.setPen(badgeStyle.text);
       painter.drawText(icon, Qt::AlignCenter, QString::fromLatin1(letter));
       x -= 22.0;
     }
@@ -651,10 +670,14 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   if (cue && cue->playing()) {
     const double x0 = locked ? r.right() - 24.0 - 66.0 : playButtonRect().right() + 10.0;
     const QPointF c(x0 + 8.0, r.y() + 18.0);
+    // On a plate of their own, since the status colours vanish on the lighter pads.
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(badgeStyle.plate);
+    painter.drawEllipse(c, 12.0, 12.0);
     painter.setBrush(Qt::NoBrush);
     if (cue->isPanicking()) {
       const int k = static_cast<int>(std::trunc(KyoWallClockSeconds() * 24.0)) % 12;
-      painter.setPen(QPen(white(0.9), 2.0, Qt::SolidLine, Qt::RoundCap));
+      painter.setPen(QPen(badgeStyle.text, 2.0, Qt::SolidLine, Qt::RoundCap));
       painter.drawArc(QRectF(c.x() - 7.0, c.y() - 7.0, 14.0, 14.0), -k * 30 * 16, 270 * 16);
     } else if (cue->paused()) {
       painter.setPen(Qt::NoPen);
@@ -674,29 +697,27 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   font.setBold(true);
   font.setPixelSize(std::clamp(static_cast<int>(r.height() / 7.0), 12, 18));
   painter.setFont(font);
-  const double footHeight = 32.0;
-  const QRectF nameRect(r.x() + 8.0, textTop, r.width() - 16.0, std::max(0.0, r.bottom() - footHeight - textTop));
-  painter.setPen(black(0.5));
-  const QString name = qString(plain->displayName());
-  painter.drawText(nameRect.translated(0.0, 1.0), Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap, name);
-  painter.setPen(white(0.95));
-  painter.drawText(nameRect, Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap, name);
+  const QRectF nameRect(r.x() + 8.0, textTop, r.width() - 16.0, std::max(0.0, r.bottom() - footHeight - 2.0 - textTop));
+  drawPadText(painter, nameRect, Qt::AlignLeft | Qt::AlignTop | Qt::TextWordWrap, qString(plain->displayName()),
+              SontoTheme::padTextStyle(color, SontoTheme::PadText::Name));
 
-  font.setBold(false);
-  font.setPixelSize(12);
+  font.setBold(true);
+  font.setPixelSize(13);
   painter.setFont(font);
-  const QRectF times(r.x() + 8.0, r.bottom() - footHeight, r.width() - 16.0, 16.0);
-  painter.setPen(white(0.85));
-  painter.drawText(times, Qt::AlignLeft | Qt::AlignVCenter, m_controller->elapsedTime());
-  painter.drawText(times, Qt::AlignRight | Qt::AlignVCenter, m_controller->remainingTime());
+  const QRectF times(r.x() + 8.0, r.bottom() - footHeight + 1.0, r.width() - 16.0, 18.0);
+  SontoTheme::PadTextStyle onStrip = timeStyle;
+  onStrip.plate = Qt::transparent;  // the strip is their plate
+  drawPadText(painter, times, Qt::AlignLeft | Qt::AlignVCenter, m_controller->elapsedTime(), onStrip);
+  drawPadText(painter, times, Qt::AlignRight | Qt::AlignVCenter, m_controller->remainingTime(), onStrip);
 
+  // The track a shade under the strip, the fill in the colour of the times.
   const QRectF bar(r.x() + 8.0, r.bottom() - 13.0, r.width() - 16.0, 7.0);
   painter.setPen(Qt::NoPen);
   painter.setBrush(black(0.45));
   painter.drawRoundedRect(bar, 3.5, 3.5);
   const double fill = std::round(bar.width() * std::clamp(static_cast<double>(m_controller->progress()), 0.0, 1.0));
   if (fill > 0.0) {
-    painter.setBrush(white(0.85));
+    painter.setBrush(timeStyle.text);
     painter.drawRoundedRect(QRectF(bar.x(), bar.y(), fill, bar.height()), 3.5, 3.5);
   }
   painter.restore();

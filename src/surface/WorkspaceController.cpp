@@ -41,6 +41,7 @@
 #include "surface/SontoAlerts.h"
 #include "surface/SontoDocumentController.h"
 #include "surface/SontoKeyEvents.h"
+#include "surface/SontoTheme.h"
 
 namespace {
 constexpr int kVolumeSteps = 1000;  // slider positions per unit of linear gain
@@ -231,6 +232,7 @@ QWidget* WorkspaceController::buildBottomBar() {
     if (!isLocked()) setShowMode();
   });
   layout->addWidget(modes);
+  SontoTheme::styleBottomBar(bar);
   return bar;
 }
 

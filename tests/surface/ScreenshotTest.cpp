@@ -10,6 +10,7 @@
 #include <QGuiApplication>
 #include <QImage>
 #include <QPixmap>
+#include <QPushButton>
 #include <QScreen>
 #include <QSet>
 #include <QTest>
@@ -204,4 +205,41 @@ TEST(Screenshot, DemoShow) {
   }
   t.window->selectTab(1);
   shootBothModes(t.window, t.grid(0), "demo");
+}
+
+// Every palette colour on a pad in show mode with times, progress and marks: the upper
+// rows lit, the lower ones held down; Pause All and Duck engaged, the keyboard on Duck.
+TEST(Screenshot, PadsOfEveryColour) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  FakeSources sources(true);
+  TestWindow t;
+  t.window->resize(1024, 760);
+  GridController* grid = t.grid();
+  grid->setCartSize({4.0f, 4.0f});
+  const std::vector<std::string>& names = SontoColor::colors();
+  std::vector<std::shared_ptr<CountingCue>> cues;
+  for (unsigned i = 0; i < 2 * names.size(); ++i) {
+    auto cue = countingCue(names[i % 8] + (i % 3 ? "" : " with a longer name"), grid->cart()->defaultHotkeyForIndex(i));
+    cue->setColor(SontoColor::colorWithName(names[i % 8]));
+    cue->setEndTimeValue(95.0);
+    cue->setHold(i % 3 == 0), cue->setLoopsValue(i % 3 == 1), cue->setSolo(i % 4 == 2);
+    cue->setPlaying(i % 4 == 1), cue->setPaused(i % 8 == 5), cue->setProgress(0.1f * float(i % 8) + 0.05f);
+    grid->addCue(cue, i);
+    cues.push_back(cue);
+  }
+  t.window->setShowMode();
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
+  const auto& cells = grid->gridView()->cells();
+  for (size_t i = names.size(); i < cues.size(); ++i) QTest::mousePress(cells[i]->view(), Qt::LeftButton);
+  for (const char* name : {"pauseAllButton", "duckingButton"})
+    t.window->findChild<QPushButton*>(QLatin1String(name))->setChecked(true);
+  // After the presses, which take the keyboard to the grid.
+  t.window->activateWindow();
+  EXPECT_TRUE(QTest::qWaitForWindowActive(t.window));
+  t.window->findChild<QPushButton*>(QStringLiteral("duckingButton"))->setFocus(Qt::TabFocusReason);
+  const QImage image = grabFromScreen(t.window);
+  EXPECT_GT(distinctColours(image), 64);
+  EXPECT_TRUE(image.save(artifactsDir() + "/pads-palette.png", "PNG"));
+  for (size_t i = names.size(); i < cues.size(); ++i) QTest::mouseRelease(cells[i]->view(), Qt::LeftButton);
+  for (const auto& cue : cues) cue->setPlaying(false);
 }

@@ -35,6 +35,8 @@
 #include "surface/CueCellController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "surface/CueInspectorController.h"
+#include "surface/InspectorController.h"
 #include "surface/LogController.h"
 #include "surface/PrefsController.h"
 #include "surface/SettingsController.h"

@@ -1,0 +1,181 @@
+// The waveform against a plain decode of the same file, and the view's full repaint,
+// on the offscreen platform. Files are made at run time in a temporary folder.
+//
+//   QT_QPA_PLATFORM=offscreen ./bench/sonto_surface_bench
+#include <benchmark/benchmark.h>
+#include <sndfile.h>
+
+#include <QApplication>
+#include <QImage>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation/KyoAlias.h"
+#include "foundation/KyoClock.h"
+#include "show/AudioCue.h"
+#include "show/SontoQtClock.h"
+#include "support/TestFiles.h"
+#include "surface/AudioWaveform.h"
+#include "surface/AudioWaveformView.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// A cue's file as the view needs it: its alias and length, nothing that plays.
+class FileSource : public AudioCueSource {
+ public:
+  void setDevice(std::shared_ptr<KyoAudioDevice>) override {}
+  std::shared_ptr<KyoAudioDevice> sharedDevice() const override { return nullptr; }
+  void setAlias(std::shared_ptr<KyoAlias> alias) override {
+    m_alias = alias;
+    m_length = 0;
+    if (!alias) return;
+    SF_INFO info{};
+    if (SNDFILE* f = sf_open(alias->fullPath().c_str(), SFM_READ, &info)) {
+      m_length = double(info.frames) / info.samplerate;
+      sf_close(f);
+    }
+  }
+  bool isValid() const override { return m_length > 0; }
+  uint32_t fileChannels() const override { return 2; }
+  double fileLengthInSeconds() const override { return m_length; }
+  void setDefaultVolumes() override {}
+  void setCrosspointVolume(float, uint32_t, uint32_t) override {}
+  void setSlice(double, double, int) override {}
+  void goToTime(double) override {}
+  void hardStop() override {}
+  std::shared_ptr<KyoAlias> alias() const override { return m_alias; }
+
+ private:
+  std::shared_ptr<KyoAlias> m_alias;
+  double m_length = 0;
+};
+
+const std::string& tenMinuteFile() {
+  static const std::string path = [] {
+    std::string p = sonto::test::temporaryPath("ten-minutes.wav");
+    sonto::test::writeRampFile(p, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2, int64_t(48000) * 600);
+    return p;
+  }();
+  return path;
+}
+
+const std::string& hourFile() {
+  static const std::string path = [] {
+    std::string p = sonto::test::temporaryPath("one-hour.wav");
+    sonto::test::writeRampFile(p, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1, int64_t(44100) * 3600);
+    return p;
+  }();
+  return path;
+}
+
+// What any program would do to read the file: libsndfile into floats, block by block.
+double plainDecodeSeconds(const std::string& path) {
+  const auto start = Clock::now();
+  SF_INFO info{};
+  SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
+  std::vector<float> block(65536 * size_t(info.channels));
+  float sink = 0;
+  while (sf_count_t n = sf_readf_float(f, block.data(), 65536)) sink += block[size_t(n - 1)];
+  sf_close(f);
+  benchmark::DoNotOptimize(sink);
+  return secondsSince(start);
+}
+
+// Time until the waveform is complete, and until the first screenful of a 1200-pixel
+// view at the zoom that fits the file is drawable (at that zoom the screen is the
+// whole file) and at 300 pixels per second; the plain decode of the same file in the
+// same iteration, and the ratio.
+void BM_WaveformLoad(benchmark::State& state) {
+  const std::string& path = tenMinuteFile();
+  std::vector<double> ratios;
+  for (auto _ : state) {
+    const double plain = plainDecodeSeconds(path);
+    const auto start = Clock::now();
+    auto waveform = AudioWaveform::create(KyoAlias::aliasWithPath(path), 10.0f);
+    const double length = 600.0;
+    const double fitScreen = 1200.0 / (1200.0 / length);
+    const double zoomedScreen = 1200.0 / 300.0;
+    double fitAt = 0, zoomedAt = 0;
+    KyoPlainClock real;
+    while (!waveform->isComplete()) {
+      const double loaded = waveform->loadedSeconds();
+      if (zoomedAt == 0 && loaded >= zoomedScreen) zoomedAt = secondsSince(start);
+      if (fitAt == 0 && loaded >= fitScreen - 0.01) fitAt = secondsSince(start);
+      real.sleepFor(0.001);
+    }
+    const double complete = secondsSince(start);
+    if (fitAt == 0) fitAt = complete;
+    if (zoomedAt == 0) zoomedAt = complete;
+    waveform->setLive(false);
+    waveform.reset();
+    state.SetIterationTime(complete);
+    state.counters["plain_ms"] = plain * 1e3;
+    state.counters["complete_ms"] = complete * 1e3;
+    state.counters["fit_screen_ms"] = fitAt * 1e3;
+    state.counters["300pps_screen_ms"] = zoomedAt * 1e3;
+    state.counters["ratio"] = complete / plain;
+  }
+}
+BENCHMARK(BM_WaveformLoad)->UseManualTime()->Iterations(1)->Repetitions(5)->Unit(benchmark::kMillisecond);
+
+// One full repaint of a 1200-pixel screen, rendered into an image, at 300 pixels per
+// second and at the widest zoom of a one-hour file, over 200 paints.
+void BM_WaveformPaint(benchmark::State& state) {
+  const bool widest = state.range(0) == 1;
+  AudioCue::setSourceFactory([] { return std::make_unique<FileSource>(); });
+  auto cue = AudioCue::createWithFile(hourFile(), nullptr);
+  QScrollArea scroll;
+  scroll.setFrameShape(QFrame::NoFrame);
+  scroll.resize(1200, 160);
+  auto* view = new AudioWaveformView(&scroll);
+  scroll.setWidget(view);
+  scroll.setWidgetResizable(false);
+  scroll.show();
+  view->setCue(cue.get());
+  KyoPlainClock real;
+  while (view->waveform() && !view->waveform()->isComplete()) real.sleepFor(0.01);
+  if (!widest) view->setPixelsPerSecond(300.0f);
+  QApplication::processEvents();
+  const int x = widest ? 0 : int(view->width() / 2);
+  const QRegion region(x, 0, 1200, view->height());
+  QImage image(1200, view->height(), QImage::Format_ARGB32_Premultiplied);
+  std::vector<double> times;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    view->render(&image, QPoint(), region);
+    const double t = secondsSince(start);
+    times.push_back(t);
+    state.SetIterationTime(t);
+  }
+  std::sort(times.begin(), times.end());
+  state.counters["pps"] = view->pixelsPerSecond();
+  state.counters["loaded"] = view->waveform() ? view->waveform()->loadedSeconds() : 0.0;
+  state.counters["median_ms"] = times[times.size() / 2] * 1e3;
+  state.counters["worst_ms"] = times.back() * 1e3;
+  view->setCue(nullptr);
+  AudioCue::setSourceFactory(nullptr);
+}
+BENCHMARK(BM_WaveformPaint)->Arg(0)->Arg(1)->UseManualTime()->Iterations(200)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  QApplication app(argc, argv);
+  KyoInstallClock(std::make_shared<SontoQtClock>());
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  KyoPlainClock real;
+  while (AudioWaveform::runningLoaders() > 0) real.sleepFor(0.01);
+  return 0;
+}

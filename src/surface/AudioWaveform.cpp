@@ -99,10 +99,13 @@ AudioWaveform::~AudioWaveform() {
 void AudioWaveform::_loadWaveform() {
   if (m_started.exchange(true)) return;
   gRunningLoaders.fetch_add(1);
-  KyoCurrentClock().detachThread([self = shared_from_this()] {
+  KyoCurrentClock().detachThread([self = shared_from_this()]() mutable {
     self->_loadFromThread();
     self->m_complete.store(true, std::memory_order_release);
     if (self->live()) self->_tellView();
+    // Let go first: the last owner may be this thread, and the stream's fill thread
+    // is joined then; the count says that nothing of the waveform runs any more.
+    self.reset();
     gRunningLoaders.fetch_sub(1);
   });
 }

@@ -100,7 +100,12 @@ void AudioWaveformView::_watchViewport() {
   if (viewport == m_watchedViewport) return;
   if (m_watchedViewport) m_watchedViewport->removeEventFilter(this);
   m_watchedViewport = viewport;
-  if (viewport) viewport->installEventFilter(this);
+  if (!viewport) return;
+  viewport->installEventFilter(this);
+  // Scrolling moves the painted pixels along, the focus ring with them: redraw it.
+  connect(scroll->horizontalScrollBar(), &QScrollBar::valueChanged, this, [this] {
+    if (hasFocus()) update(_visibleRect().toAlignedRect());
+  });
 }
 
 bool AudioWaveformView::event(QEvent* event) {

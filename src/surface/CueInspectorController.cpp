@@ -27,17 +27,8 @@
 #include "show/AudioCue.h"
 #include "show/SontoUndoManager.h"
 #include "show/Workspace.h"
-#if __has_include("surface/AudioWaveformView.h")
 #include "surface/AudioWaveformView.h"
-#define SONTO_WAVEFORM_WIP 1
-#endif
 #include "surface/WorkspaceController.h"
-
-#ifdef SONTO_WAVEFORM_WIP
-#define WAVE(x) x
-#else
-#define WAVE(x) (void)0
-#endif
 
 namespace {
 
@@ -271,10 +262,8 @@ void CueInspectorController::buildView() {
   m_waveformScroll->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
   m_waveformScroll->setMinimumHeight(90);
   m_waveformScroll->setFrameShape(QFrame::NoFrame);
-#ifdef SONTO_WAVEFORM_WIP
   m_waveformView = new AudioWaveformView(m_waveformScroll);
   m_waveformScroll->setWidget(m_waveformView);
-#endif
   m_waveformScroll->setWidgetResizable(false);
   waveColumn->addWidget(m_waveformScroll, 1);
   auto* times = new QHBoxLayout;
@@ -422,14 +411,14 @@ void CueInspectorController::colorChanged() {
 void CueInspectorController::startTimeChanged() {
   const double old = std::exchange(m_seen.startTime, m_cue->startTime());
   registerRestore(undoManager(), std::weak_ptr<AudioCue>(m_cue), old, kStartTime, this);
-  WAVE(m_waveformView->setCue(m_cue.get()));
+  m_waveformView->setCue(m_cue.get());
   refreshTimes();
 }
 
 void CueInspectorController::endTimeChanged() {
   const double old = std::exchange(m_seen.endTime, m_cue->endTime());
   registerRestore(undoManager(), std::weak_ptr<AudioCue>(m_cue), old, kEndTime, this);
-  WAVE(m_waveformView->setCue(m_cue.get()));
+  m_waveformView->setCue(m_cue.get());
   refreshTimes();
 }
 
@@ -452,7 +441,7 @@ void CueInspectorController::refreshContents() {
   const bool hasCue = m_cue != nullptr;
   m_noCueLabel->setVisible(!hasCue);
   m_fields->setVisible(hasCue);
-  WAVE(m_waveformView->setCue(m_cue.get()));
+  m_waveformView->setCue(m_cue.get());
   if (!hasCue) return;
   updateColor();
   m_name->setText(qString(m_cue->name()));
@@ -511,7 +500,7 @@ void CueInspectorController::updatePreviewImage() {
   const bool playing = m_cue && m_cue->playing();
   m_previewToggle->setText(playing ? QStringLiteral("\u25A0  Stop") : QStringLiteral("\u25B6  Preview"));
   m_previewToggle->setToolTip(playing ? QStringLiteral("Stop the cue") : QStringLiteral("Play the cue"));
-  WAVE(m_waveformView->refreshCursorPosition());
+  m_waveformView->refreshCursorPosition();
 }
 
 // -- Actions
@@ -561,8 +550,8 @@ void CueInspectorController::setEndTime(const QString& text) {
 }
 
 void CueInspectorController::setStartEndFromSelection() {
-  WAVE(m_waveformView->setStartAndEndFromSelection());
-  WAVE(m_waveformView->clearSelection());
+  m_waveformView->setStartAndEndFromSelection();
+  m_waveformView->clearSelection();
 }
 
 void CueInspectorController::setVolumeFromSlider() {

@@ -6,6 +6,7 @@
 #include <QButtonGroup>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMouseEvent>
 #include <QPushButton>
 #include <QSlider>
 #include <QSplitter>
@@ -21,7 +22,9 @@
 #include "show/Cart.h"
 #include "show/SontoUndoManager.h"
 #include "show/Workspace.h"
+#include "support/AllocationCounter.h"
 #include "support/JackServer.h"
+#include "surface/AudioWaveformView.h"
 #include "surface/CueCellController.h"
 #include "surface/CueInspectorController.h"
 #include "surface/GridController.h"
@@ -266,4 +269,79 @@ TEST(Inspector, CapturesANoteFromJackMIDI) {
   EXPECT_EQ(s.undo()->undoActionName(), "Change MIDI Note");
   EXPECT_FALSE(s.out.device->_batchIsOpen());
   stream->setMessageDestination(nullptr);
+}
+
+namespace {
+
+void sendMouse(QWidget* view, QEvent::Type type, QPoint at, Qt::MouseButtons buttons) {
+  const Qt::MouseButton button = type == QEvent::MouseMove ? Qt::NoButton : Qt::LeftButton;
+  QMouseEvent event(type, QPointF(at), QPointF(view->mapToGlobal(at)), button, buttons, Qt::NoModifier);
+  QApplication::sendEvent(view, &event);
+}
+
+}  // namespace
+
+// The left handle dragged to half a second is the cue's new in point, to the sample:
+// the cue played afterwards starts at frame 24000 of its file.
+TEST(Inspector, HandleDraggedOnTheWaveformIsTheInPointToTheSample) {
+  InspectedCue s;
+  ASSERT_TRUE(s.cue);
+  AudioWaveformView* view = s.inspector()->waveformView();
+  view->setPixelsPerSecond(1000.0f);
+  ASSERT_FLOAT_EQ(view->pixelsPerSecond(), 1000.0f);
+  view->window()->activateWindow();
+  const int y = view->height() / 2;
+  sendMouse(view, QEvent::MouseButtonPress, {1, y}, Qt::LeftButton);
+  for (int x : {100, 300, 500}) sendMouse(view, QEvent::MouseMove, {x, y}, Qt::LeftButton);
+  sendMouse(view, QEvent::MouseButtonRelease, {500, y}, Qt::NoButton);
+  QApplication::processEvents();
+  EXPECT_DOUBLE_EQ(s.cue->startTime(), 0.5);
+  EXPECT_DOUBLE_EQ(s.cue->endTime(), 1.0);
+  EXPECT_EQ(s.undo()->undoActionName(), "Change Start Time");
+  EXPECT_EQ(s.inspector()->startTimeField()->text(), "00:00.500");
+
+  ASSERT_TRUE(readyToPlay(s.cue));
+  s.cue->play();
+  KyoHAL::shared().pullOffline(s.out.id, 60);
+  const std::vector<float> left = s.out.left();
+  size_t wrong = 0;
+  for (size_t i = 0; i < 24000; ++i) wrong += left.at(i) != rampSample(int64_t(24000 + i), 0);
+  EXPECT_EQ(wrong, 0u);
+  EXPECT_EQ(left.at(24000), 0.0f) << "the cue ends at its out point";
+  s.cue->hardStop();
+}
+
+// Twenty cues sound while the inspector follows one of them and loads its waveform:
+// the render thread still allocates nothing.
+TEST(Inspector, ShowingAPlayingCueAddsNoAllocationToTheRenderThread) {
+  EngineSources engine;
+  Offline out;
+  TestWindow t(out.device);
+  t.window->changeGrid("5x4");
+  const QString file = QString::fromStdString(ramp("busy.wav", 4 * 48000));
+  ASSERT_EQ(dropFiles(t.grid(), QStringList(20, file), 0), 20);
+  std::vector<AudioCue*> cues;
+  for (unsigned i = 0; i < 20; ++i) {
+    cues.push_back(dynamic_cast<AudioCue*>(t.grid()->cart()->cueAtIndex(i)));
+    ASSERT_TRUE(cues.back() && readyToPlay(cues.back()));
+    cues.back()->setLoops(true);
+  }
+  t.grid()->gridView()->setSelectedIndex(7);
+  out.device->startSyncedActions();
+  for (AudioCue* cue : cues) cue->play();
+  out.device->endSyncedActions();
+  KyoHAL::shared().pullOffline(out.id, 2);
+  resetWatchedAllocations();
+  for (int cycle = 0; cycle < 400; ++cycle) {
+    KyoHAL::shared().clearOfflineRecording(out.id);
+    {
+      ScopedAllocationWatch watch;
+      KyoHAL::shared().pullOffline(out.id, 1);
+    }
+    if (cycle % 10 == 0) pumpUntil([] { return false; }, 0.01);
+  }
+  EXPECT_EQ(watchedAllocations(), 0u);
+  EXPECT_TRUE(cues[7]->isPlaying());
+  EXPECT_GT(t.window->inspectorController()->cueInspectorController()->waveformView()->cursorPosition(), 0.0f);
+  for (AudioCue* cue : cues) cue->hardStop();
 }

@@ -21,8 +21,14 @@ constexpr uint64_t kTimeLineRate = 44100;
 constexpr double kRingSeconds = 20.0;
 // How often the view is told of new entries, at most.
 constexpr double kTellInterval = 0.05;
-// How long the worker waits for the ring to refill before it looks again.
-constexpr double kRefillPoll = 0.00025;
+// How long the worker waits for the ring to refill before it looks again: short for
+// the first few milliseconds, since the fill thread hands over a chunk every few
+// milliseconds and each look that comes late leaves it idle; then longer by a tenth
+// at each look, so that a slow disk or decoder costs few wakes and at most about a
+// tenth more time.
+constexpr double kRefillPoll = 0.0001;
+constexpr double kRefillPollPatience = 0.005;
+constexpr double kRefillPollLongest = 0.02;
 // Entries reduced per read of the stream: a read takes the ring's lock once, so a
 // run of entries costs one lock where one entry per read would cost thousands.
 constexpr uint32_t kEntriesPerRead = 4096;
@@ -138,6 +144,8 @@ uint32_t AudioWaveform::_entriesReadable(uint32_t first, uint32_t count) const {
 void AudioWaveform::_loadFromThread() {
   KyoClock& clock = KyoCurrentClock();
   double lastTold = clock.monotonicSeconds();
+  double poll = kRefillPoll;
+  double waited = 0.0;
   while (live()) {
     const uint32_t valid = m_validSamples.load(std::memory_order_relaxed);
     if (valid >= m_totalSamples) break;
@@ -149,9 +157,13 @@ void AudioWaveform::_loadFromThread() {
       // A read of nothing wakes the fill thread if the ring is low: a wake sent while
       // it was still reading is lost, and this one may be the only reader left.
       m_audioBuffer->readFrames(0, m_audioBufferList, 0);
-      clock.sleepFor(kRefillPoll);
+      clock.sleepFor(poll);
+      waited += poll;
+      if (waited > kRefillPollPatience) poll = std::min(poll * 1.1, kRefillPollLongest);
       continue;
     }
+    poll = kRefillPoll;
+    waited = 0.0;
     const uint32_t frames = uint32_t(_frameOfEntry(valid + entries) - _frameOfEntry(valid));
     KyoAudioBufferListResetSizes(m_audioBufferList, frames);
     const uint32_t got = m_audioBuffer->readFrames(frames, m_audioBufferList, 0);

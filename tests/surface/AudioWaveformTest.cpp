@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 
@@ -139,15 +140,9 @@ TEST_F(WaveformData, FileThatGoesBadWhileLoadingStops) {
   } cases[] = {
       {"deleted", [](const std::string& p) { std::filesystem::remove(p); }, false},
       {"cut short", [](const std::string& p) { ASSERT_EQ(truncate(p.c_str(), 4096), 0); }, true},
-      {"overwritten",
+      {"overwritten",  // with NaN, header and all
        [](const std::string& p) {
-         FILE* f = std::fopen(p.c_str(), "r+b");
-         ASSERT_TRUE(f);
-         std::mt19937 random(7);
-         std::vector<uint32_t> junk(1 << 20);
-         for (auto& j : junk) j = random();
-         std::fwrite(junk.data(), 4, junk.size(), f);
-         std::fclose(f);
+         std::ofstream(p, std::ios::in | std::ios::out | std::ios::binary) << std::string(4 << 20, '\xff');
        },
        false},
   };
@@ -189,7 +184,6 @@ TEST_F(WaveformData, QueriesRaceTheLoader) {
   ASSERT_TRUE(waveform);
   std::mt19937 random(1);
   std::uniform_real_distribution<float> time(0.0f, 120.0f);
-  int partial = 0;
   while (!waveform->isComplete()) {
     const float a = time(random), b = time(random);
     const float start = std::min(a, b), end = std::max(a, b) + 0.01f;
@@ -201,11 +195,8 @@ TEST_F(WaveformData, QueriesRaceTheLoader) {
     if (loadedBefore > double(start) + 0.01) {
       ASSERT_EQ(high, 0.5f);
       ASSERT_EQ(low, -0.25f);
-    } else {
-      ++partial;
     }
   }
   EXPECT_EQ(waveform->maxValueBetweenStartTime(0.0f, 120.0f), 0.5f);
   EXPECT_EQ(waveform->minValueBetweenStartTime(0.0f, 120.0f), -0.25f);
-  RecordProperty("queriesBeforeLoaded", partial);
 }

@@ -1,7 +1,6 @@
 #include "surface/InspectorController.h"
 
 #include <QEvent>
-#include <QGraphicsOpacityEffect>
 #include <QLabel>
 #include <QVBoxLayout>
 #include <QVariantAnimation>
@@ -25,10 +24,6 @@ InspectorController::InspectorController(WorkspaceController* workspaceControlle
   title->setFont(font);
   layout->addWidget(title);
   layout->addStretch(1);
-  for (QWidget* view : {static_cast<QWidget*>(m_cueInspectorController->view()), m_brokenCueView}) {
-    view->setGraphicsEffect(new QGraphicsOpacityEffect(view));
-  }
-  static_cast<QGraphicsOpacityEffect*>(m_brokenCueView->graphicsEffect())->setOpacity(0.0);
   m_brokenCueView->setGeometry(frameForBrokenCueView());
   m_inspectorView->installEventFilter(this);
   refreshInspector();
@@ -97,16 +92,13 @@ void InspectorController::toggleBrokenCueView() {
   refreshInspector();
 }
 
-// Both views move by one pane's height and cross-fade.
+// Both views move by one pane's height. No cross-fade: an opacity effect would
+// repaint the whole inspector for every strip the waveform's cursor redraws.
 void InspectorController::slide() {
   if (m_slide) m_slide->stop();
   QWidget* cueView = m_cueInspectorController->view();
   const QRect cueFrom = cueView->geometry(), cueTo = frameForInspectorView();
   const QRect listFrom = m_brokenCueView->geometry(), listTo = frameForBrokenCueView();
-  auto* cueOpacity = static_cast<QGraphicsOpacityEffect*>(cueView->graphicsEffect());
-  auto* listOpacity = static_cast<QGraphicsOpacityEffect*>(m_brokenCueView->graphicsEffect());
-  const double listTarget = m_brokenCueViewIsVisible ? 1.0 : 0.0;
-  const double listStart = listOpacity->opacity();
   auto* animation = new QVariantAnimation(this);
   animation->setDuration(kSlideMilliseconds);
   animation->setStartValue(0.0);
@@ -119,12 +111,8 @@ void InspectorController::slide() {
     const double t = value.toDouble();
     cueView->setGeometry(lerp(cueFrom, cueTo, t));
     m_brokenCueView->setGeometry(lerp(listFrom, listTo, t));
-    const double list = listStart + (listTarget - listStart) * t;
-    listOpacity->setOpacity(list);
-    cueOpacity->setOpacity(1.0 - list);
   });
   m_slide = animation;
-  m_brokenCueView->raise();
   animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 

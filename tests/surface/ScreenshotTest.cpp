@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QImage>
+#include <QLineEdit>
 #include <QPixmap>
 #include <QPushButton>
 #include <QScreen>
@@ -21,13 +22,18 @@
 #include <cmath>
 #include <optional>
 
+#include "SoundTestSupport.h"
 #include "SurfaceTestSupport.h"
 #include "foundation/SontoColor.h"
 #include "show/AudioCue.h"
 #include "show/WorkspaceFile.h"
+#include "surface/AudioWaveform.h"
+#include "surface/AudioWaveformView.h"
 #include "surface/CueCellController.h"
+#include "surface/CueInspectorController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "surface/InspectorController.h"
 #include "surface/WorkspaceController.h"
 
 // On a real X server Qt talks to the session bus, and libdbus keeps a buffer of its
@@ -242,4 +248,61 @@ TEST(Screenshot, PadsOfEveryColour) {
   EXPECT_TRUE(image.save(artifactsDir() + "/pads-palette.png", "PNG"));
   for (size_t i = names.size(); i < cues.size(); ++i) QTest::mouseRelease(cells[i]->view(), Qt::LeftButton);
   for (const auto& cue : cues) cue->setPlaying(false);
+}
+
+// The inspector on a real file: a stopped cue with a range selected on its waveform,
+// then the same cue playing with its cursor. The waveform must have drawn: the pane
+// holds more than the few colours of its empty fields.
+TEST(Screenshot, InspectorOnAStoppedAndAPlayingCue) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  sonto::test::EngineSources engine;
+  sonto::test::Offline out;
+  TestWindow t(out.device);
+  t.window->resize(1100, 760);
+  // Twelve seconds of a swelling, beating chord over a quiet bed: a shape to recognise.
+  const double rate = 48000;
+  std::vector<std::vector<float>> channels(2, std::vector<float>(size_t(12 * rate)));
+  for (size_t i = 0; i < channels[0].size(); ++i) {
+    const double t = double(i) / rate;
+    const double swell = 0.15 + 0.75 * std::pow(std::sin(3.14159 * t / 12.0), 2) * (0.6 + 0.4 * std::sin(6.283 * 0.5 * t));
+    channels[0][i] = float(swell * std::sin(6.283 * 220 * t));
+    channels[1][i] = float(swell * 0.8 * std::sin(6.283 * 330 * t));
+  }
+  const std::string file = sonto::test::temporaryPath("Chord Swell.wav");
+  ASSERT_TRUE(sonto::test::writeFloatWav(file, rate, channels));
+  GridController* grid = t.grid();
+  grid->setCartSize({5.0f, 2.0f});
+  ASSERT_EQ(dropFiles(grid, {QString::fromStdString(file)}, 2), 1);
+  auto* cue = dynamic_cast<AudioCue*>(grid->cueForIndex(2));
+  ASSERT_TRUE(cue);
+  cue->setColor(SontoColor::orangeColor());
+  cue->setStartTime(1.5);
+  cue->setEndTime(10.25);
+  grid->gridView()->setSelectedIndex(2);
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
+  CueInspectorController* inspector = t.window->inspectorController()->cueInspectorController();
+  AudioWaveformView* view = inspector->waveformView();
+  ASSERT_TRUE(pumpUntil([&] { return view->waveform() && view->waveform()->isComplete(); }));
+  // A range dragged out on the waveform, as an operator would before Set from Selection.
+  const int y = view->height() / 2;
+  QTest::mousePress(view, Qt::LeftButton, {}, QPoint(int(view->pixelsPerSecond() * 4.0f), y));
+  QTest::mouseMove(view, QPoint(int(view->pixelsPerSecond() * 6.0f), y));
+  QTest::mouseRelease(view, Qt::LeftButton, {}, QPoint(int(view->pixelsPerSecond() * 6.0f), y));
+  inspector->nameField()->setFocus(Qt::TabFocusReason);
+  QApplication::processEvents();
+  const QRect pane(t.window->inspectorController()->inspectorView()->mapTo(t.window, QPoint(0, 0)),
+                   t.window->inspectorController()->inspectorView()->size());
+  QImage image = grabFromScreen(t.window);
+  EXPECT_GT(distinctColours(image.copy(pane)), 64);
+  EXPECT_TRUE(image.save(artifactsDir() + "/inspector-cue.png", "PNG"));
+
+  ASSERT_TRUE(sonto::test::readyToPlay(cue));
+  cue->play();
+  KyoHAL::shared().pullOffline(out.id, 300);  // three seconds in: 4.5 s into the file
+  cue->setProgress(cue->progress());
+  QApplication::processEvents();
+  EXPECT_GT(view->cursorPosition(), view->pixelsPerSecond() * 4.0f);
+  image = grabFromScreen(t.window);
+  EXPECT_TRUE(image.save(artifactsDir() + "/inspector-playing.png", "PNG"));
+  cue->hardStop();
 }

@@ -263,14 +263,27 @@ double AudioWaveformView::_roundedTime(float pixel) const {
   return secondsFromFormattedString(stringByFormattingSeconds(double(pixel / m_pixelsPerSecond), 3));
 }
 
+// The cue keeps its start at or before its end at every step, so a range that lies
+// wholly before the present start takes its start first; otherwise the end goes
+// first. Either way each edge lands where it was put, and the undo of the pair, run
+// in the opposite order, does too.
+void AudioWaveformView::_setCueRange(double start, double end) {
+  if (end < m_cue->startTime()) {
+    m_cue->setStartTime(start);
+    m_cue->setEndTime(end);
+  } else {
+    m_cue->setEndTime(end);
+    m_cue->setStartTime(start);
+  }
+}
+
 void AudioWaveformView::setStartAndEndFromSelection() {
   if (!m_cue) return;
   const double start = _roundedTime(m_userSelection.leftPixel());
   const double end = _roundedTime(m_userSelection.rightPixel());
   // A tenth of a second between two three-place times may come out a hair short.
   if (end - start < 0.1 - 1e-9) return;
-  m_cue->setEndTime(end);
-  m_cue->setStartTime(start);
+  _setCueRange(start, end);
   _updatePlayedSelection();
   _createTrackingAreas();
   update();
@@ -441,8 +454,7 @@ void AudioWaveformView::mouseReleaseEvent(QMouseEvent* event) {
   const float x = float(event->position().x());
   if (float(m_initialClickPoint.x()) == x) m_userSelection.updateWithPixelOne(x, x);
   if (m_cue && m_draggingSelection == &m_playedSelection) {
-    m_cue->setEndTime(end);
-    m_cue->setStartTime(start);
+    _setCueRange(start, end);
     _updatePlayedSelection();
     refreshCursorPosition();
   } else if (m_cue && m_draggingSelection == &m_userSelection && !m_cue->isRunning()) {

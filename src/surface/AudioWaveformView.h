@@ -119,6 +119,7 @@ class AudioWaveformView : public QWidget {
 
  private:
   QScrollArea* _enclosingScrollView() const;
+  void _setCueRange(double start, double end);
   // The part of the view inside the scroll area's viewport, in the view's coordinates.
   QRectF _visibleRect() const;
   void _scrollPoint(float x);

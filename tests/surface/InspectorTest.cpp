@@ -309,6 +309,21 @@ TEST(Inspector, HandleDraggedOnTheWaveformIsTheInPointToTheSample) {
   EXPECT_EQ(wrong, 0u);
   EXPECT_EQ(left.at(24000), 0.0f) << "the cue ends at its out point";
   s.cue->hardStop();
+  KyoHAL::shared().pullOffline(s.out.id, 2);
+  ASSERT_FALSE(s.cue->isRunning());
+
+  // A range selected wholly before the in point becomes the played range, and one
+  // undo puts the old range back.
+  sendMouse(view, QEvent::MouseButtonPress, {100, y}, Qt::LeftButton);
+  sendMouse(view, QEvent::MouseMove, {300, y}, Qt::LeftButton);
+  sendMouse(view, QEvent::MouseButtonRelease, {300, y}, Qt::NoButton);
+  s.inspector()->setStartEndFromSelection();
+  EXPECT_DOUBLE_EQ(s.cue->startTime(), 0.1);
+  EXPECT_DOUBLE_EQ(s.cue->endTime(), 0.3);
+  QApplication::processEvents();
+  s.undo()->undo();
+  EXPECT_DOUBLE_EQ(s.cue->startTime(), 0.5);
+  EXPECT_DOUBLE_EQ(s.cue->endTime(), 1.0);
 }
 
 // Twenty cues sound while the inspector follows one of them and loads its waveform:

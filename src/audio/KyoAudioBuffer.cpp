@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <mutex>
 
@@ -85,12 +86,16 @@ std::shared_ptr<KyoAudioBuffer> KyoAudioBuffer::create(std::shared_ptr<KyoAlias>
 
   uint32_t channels = stream->m_readFormat.channels();
   bool interleaved = stream->m_readFormat.isInterleaved();
-  stream->m_bufferList = KyoAudioBufferListCreate(channels, bufferSize, interleaved);
   stream->m_ringBuffer = KyoAudioRingBufferCreate(channels, bufferSize, interleaved);
-  if (!stream->m_bufferList || !stream->m_ringBuffer) {
+  if (!stream->m_ringBuffer) {
     KyoLog("Error: can't initialize KyoAudioBuffer; invalid parameter(s) for file: %s", stream->m_description.c_str());
     return nullptr;
   }
+  const AudioBufferList* ring = stream->m_ringBuffer->bufferList;
+  stream->m_ringView = KyoAudioBufferListAllocateHeader(ring->mNumberBuffers);
+  if (!stream->m_ringView) return nullptr;
+  stream->m_ringView->mNumberBuffers = ring->mNumberBuffers;
+  for (uint32_t b = 0; b < ring->mNumberBuffers; ++b) stream->m_ringView->mBuffers[b] = ring->mBuffers[b];
 
   // Both ends as frame positions, so that the count agrees with the frames a
   // player computes for the same times.
@@ -120,7 +125,7 @@ std::shared_ptr<KyoAudioBuffer> KyoAudioBuffer::create(std::shared_ptr<KyoAlias>
 
 KyoAudioBuffer::~KyoAudioBuffer() {
   killWorker();
-  KyoAudioBufferListFree(m_bufferList);
+  std::free(m_ringView);
   KyoAudioRingBufferFree(m_ringBuffer);
   if (m_conditionMade) pthread_cond_destroy(&m_condition);
 }
@@ -150,15 +155,30 @@ void KyoAudioBuffer::_fillBufferFromThread() {
         space = std::min(space, allowed);
       }
       if (space != 0) {
-        uint32_t got = m_file->readFrames(space, m_bufferList, 0);
-        if (got == 0) {
+        // Straight into the free slots: at most two runs, the second from the ring's
+        // start. A run the file cannot fill is the file's end.
+        KyoAudioRingBufferRun runs[2];
+        const int count = KyoAudioRingBufferFreeRuns(m_ringBuffer, space, runs);
+        uint32_t total = 0;
+        bool shortRead = false;
+        for (int r = 0; r < count && !shortRead; ++r) {
+          // The view starts at the run: the decoder writes at the start of its list.
+          const AudioBufferList* ring = m_ringBuffer->bufferList;
+          for (uint32_t b = 0; b < m_ringView->mNumberBuffers; ++b) {
+            const uint32_t bytesPerFrame = 4 * std::max<uint32_t>(ring->mBuffers[b].mNumberChannels, 1);
+            m_ringView->mBuffers[b].mData = static_cast<char*>(ring->mBuffers[b].mData) + size_t(runs[r].start) * bytesPerFrame;
+            m_ringView->mBuffers[b].mDataByteSize = runs[r].frames * bytesPerFrame;
+          }
+          const uint32_t got = m_file->readFrames(runs[r].frames, m_ringView, 0);
+          total += got;
+          shortRead = got < runs[r].frames;
+        }
+        if (total == 0) {
           m_atEndOfFile.store(true);
         } else {
-          KyoAudioRingBufferWrite(m_ringBuffer, m_bufferList, 0, got);
-          if (got < space) m_fileEndInRing.store(true);
+          KyoAudioRingBufferCommit(m_ringBuffer, total);
+          if (shortRead) m_fileEndInRing.store(true);
         }
-        // The decoder shrinks the sizes to what it delivered.
-        KyoAudioBufferListResetSizes(m_bufferList, m_bufferSize);
       }
     }
     if (m_keepFillingBuffer.load() && !limited) {

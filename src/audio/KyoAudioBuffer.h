@@ -95,7 +95,9 @@ class KyoAudioBuffer : public KyoAudioReading {
   uint32_t m_bufferSize = 0;
   std::unique_ptr<KyoAudioFile> m_file;  // the fill thread's alone once it runs
   KyoAudioStreamDescription m_readFormat;
-  AudioBufferList* m_bufferList = nullptr;  // staging between the file and the ring
+  // The ring's own buffers, seen through a header of the fill thread's: the file
+  // decodes straight into the ring's free slots, with no staging copy.
+  AudioBufferList* m_ringView = nullptr;
   KyoAudioRingBuffer* m_ringBuffer = nullptr;
   int64_t m_startFrame = 0;
   int64_t m_totalFramesToRead = 0;

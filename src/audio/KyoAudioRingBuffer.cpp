@@ -117,6 +117,31 @@ uint32_t KyoAudioRingBufferWrite(KyoAudioRingBuffer* ring, const AudioBufferList
   return moved;
 }
 
+int KyoAudioRingBufferFreeRuns(KyoAudioRingBuffer* ring, uint32_t frames, KyoAudioRingBufferRun runs[2]) {
+  if (!ring) return 0;
+  static const char* lockText = "unable to lock mutex during look for free space";
+  static const char* unlockText = "unable to unlock mutex during look for free space";
+  uint32_t readIndex = 0, writeIndex = 0;
+  if (!snapshot(ring, lockText, unlockText, readIndex, writeIndex)) return 0;
+  const uint32_t n = std::min(frames, spaceOf(readIndex, writeIndex, ring->size));
+  if (n == 0) return 0;
+  const uint32_t first = std::min(n, ring->size - writeIndex);
+  runs[0] = {writeIndex, first};
+  if (first == n) return 1;
+  runs[1] = {0, n - first};
+  return 2;
+}
+
+bool KyoAudioRingBufferCommit(KyoAudioRingBuffer* ring, uint32_t frames) {
+  if (!ring) return false;
+  static const char* lockText = "unable to lock mutex during commit";
+  static const char* unlockText = "unable to unlock mutex during commit";
+  uint32_t readIndex = 0, writeIndex = 0;
+  if (!snapshot(ring, lockText, unlockText, readIndex, writeIndex)) return false;
+  if (frames == 0 || frames > spaceOf(readIndex, writeIndex, ring->size)) return frames == 0;
+  return store(ring->writeIndex, (writeIndex + frames) % ring->size, ring, lockText, unlockText);
+}
+
 uint32_t KyoAudioRingBufferRead(KyoAudioRingBuffer* ring, AudioBufferList* list, uint32_t offset, uint32_t frames) {
   if (!ring || !list) return 0;
   static const char* lockText = "unable to lock mutex during write to ABL";

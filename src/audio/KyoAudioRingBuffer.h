@@ -37,6 +37,16 @@ uint32_t KyoAudioRingBufferDrop(KyoAudioRingBuffer* ring, uint32_t frames);
 // Producer side: takes up to frames from list (starting at offset) into the ring.
 uint32_t KyoAudioRingBufferWrite(KyoAudioRingBuffer* ring, const AudioBufferList* list, uint32_t offset,
                                  uint32_t frames);
+// Producer side without a copy: the free slots, at most `frames` of them, as up to two
+// runs of the ring's own buffer list (the second from slot 0). The producer fills them
+// in place and then publishes the frames it wrote with Commit; the consumer never
+// reads free slots, so no lock is held while they are filled. Answers the run count.
+struct KyoAudioRingBufferRun {
+  uint32_t start;
+  uint32_t frames;
+};
+int KyoAudioRingBufferFreeRuns(KyoAudioRingBuffer* ring, uint32_t frames, KyoAudioRingBufferRun runs[2]);
+bool KyoAudioRingBufferCommit(KyoAudioRingBuffer* ring, uint32_t frames);
 // Consumer side: gives up to frames from the ring into list, starting at offset.
 uint32_t KyoAudioRingBufferRead(KyoAudioRingBuffer* ring, AudioBufferList* list, uint32_t offset, uint32_t frames);
 

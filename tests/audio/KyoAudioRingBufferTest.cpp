@@ -94,6 +94,23 @@ TEST_P(RingLayout, WrapsAroundTheEndInTwoPiecesAndOneIndexMove) {
   EXPECT_EQ(ring->readIndex.load(), 5u);
   EXPECT_EQ(firstMismatch(out.get(), channels, 3, 9, 107), -1);
   EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), 0u);
+
+  // Filled in place: the free slots 5..10 and 0..3 as two runs, published together;
+  // a commit beyond the free space is refused and moves nothing.
+  KyoAudioRingBufferRun runs[2];
+  ASSERT_EQ(KyoAudioRingBufferFreeRuns(ring.get(), 100, runs), 2);
+  EXPECT_EQ(runs[0].start, 5u);
+  EXPECT_EQ(runs[0].frames, 6u);
+  EXPECT_EQ(runs[1].start, 0u);
+  EXPECT_EQ(runs[1].frames, 4u);
+  EXPECT_EQ(KyoAudioRingBufferFreeRuns(ring.get(), 3, runs), 1);
+  EXPECT_FALSE(KyoAudioRingBufferCommit(ring.get(), 11));
+  EXPECT_EQ(KyoAudioRingBufferCount(ring.get()), 0u);
+  fill(ring->bufferList, channels, 5, 6, 300);
+  fill(ring->bufferList, channels, 0, 2, 306);
+  ASSERT_TRUE(KyoAudioRingBufferCommit(ring.get(), 8));
+  ASSERT_EQ(KyoAudioRingBufferRead(ring.get(), out.get(), 0, 20), 8u);
+  EXPECT_EQ(firstMismatch(out.get(), channels, 0, 8, 300), -1);
 }
 
 TEST_P(RingLayout, DropDiscardsFromTheReadSideAcrossTheWrap) {

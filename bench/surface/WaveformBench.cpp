@@ -12,14 +12,19 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "audio/KyoAudioBuffer.h"
 #include "audio/KyoAudioBufferList.h"
+#include "audio/KyoAudioDevice.h"
+#include "audio/KyoHAL.h"
 #include "foundation/KyoAlias.h"
 #include "foundation/KyoClock.h"
 #include "show/AudioCue.h"
+#include "show/AudioCueSourceKyo.h"
 #include "show/SontoQtClock.h"
 #include "support/TestFiles.h"
 #include "surface/AudioWaveform.h"
@@ -192,6 +197,83 @@ void BM_WaveformPaint(benchmark::State& state) {
   AudioCue::setSourceFactory(nullptr);
 }
 BENCHMARK(BM_WaveformPaint)->Arg(0)->Arg(1)->UseManualTime()->Iterations(200)->Unit(benchmark::kMillisecond);
+
+// One engine cycle (480 frames at 48 kHz) of twenty looping cues on an offline device,
+// without (0) and with (1) the inspector's work beside it: a view following a playing
+// cue, and waveforms of the ten-minute file computed one after the other on their
+// worker. The two medians should agree within noise: the waveform never touches the
+// playing cues' audio.
+void BM_EngineCycleWhileInspecting(benchmark::State& state) {
+  const bool inspecting = state.range(0) == 1;
+  AudioCueSourceKyo::install();
+  const KyoAudioObjectID id = KyoHAL::shared().createOfflineDevice(2, 48000, 480, 0);
+  auto device = KyoAudioDevice::deviceWithID(id);
+  device->open();
+  static const std::string loop = [] {
+    std::string p = sonto::test::temporaryPath("engine-loop.wav");
+    sonto::test::writeRampFile(p, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 2, 48000 * 4);
+    return p;
+  }();
+  std::vector<std::shared_ptr<AudioCue>> cues;
+  for (int i = 0; i < 20; ++i) {
+    cues.push_back(AudioCue::createWithFile(loop, device));
+    cues.back()->setLoops(true);
+  }
+  KyoPlainClock real;
+  real.sleepFor(0.5);  // the read-ahead of every cue fills
+  device->startSyncedActions();
+  for (const auto& cue : cues) cue->play();
+  device->endSyncedActions();
+  QScrollArea scroll;
+  scroll.resize(800, 160);
+  auto* view = new AudioWaveformView(&scroll);
+  scroll.setWidget(view);
+  std::atomic<bool> busy{inspecting};
+  std::thread loader;
+  if (inspecting) {
+    view->setCue(cues[0].get());
+    loader = std::thread([&busy] {
+      while (busy.load()) {
+        auto waveform = AudioWaveform::create(KyoAlias::aliasWithPath(tenMinuteFile()), 10.0f);
+        KyoPlainClock clock;
+        while (busy.load() && waveform && !waveform->isComplete()) clock.sleepFor(0.001);
+        if (waveform) waveform->setLive(false);
+      }
+    });
+  }
+  KyoHAL::shared().pullOffline(id, 10);
+  std::vector<double> times;
+  int cycle = 0;
+  // Cycles paced as a device would pull them, so that the read-ahead keeps up.
+  double next = real.monotonicSeconds();
+  for (auto _ : state) {
+    if (++cycle % 64 == 0) KyoHAL::shared().clearOfflineRecording(id);
+    const auto start = Clock::now();
+    KyoHAL::shared().pullOffline(id, 1);
+    times.push_back(secondsSince(start));
+    state.PauseTiming();
+    if (inspecting && cycle % 10 == 0) {
+      view->refreshCursorPosition();
+      QApplication::processEvents();
+    }
+    next += 0.01;
+    real.sleepUntil(next);
+    state.ResumeTiming();
+  }
+  busy.store(false);
+  if (loader.joinable()) loader.join();
+  std::sort(times.begin(), times.end());
+  state.counters["median_us"] = times[times.size() / 2] * 1e6;
+  state.counters["p99_us"] = times[times.size() * 99 / 100] * 1e6;
+  view->setCue(nullptr);
+  for (const auto& cue : cues) cue->hardStop();
+  cues.clear();
+  device->close();
+  device.reset();
+  KyoHAL::shared().destroyOfflineDevice(id);
+  AudioCue::setSourceFactory(nullptr);
+}
+BENCHMARK(BM_EngineCycleWhileInspecting)->Arg(0)->Arg(1)->Iterations(1500)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -232,15 +232,9 @@ TEST(Inspector, PaneFollowsTheModeAndKeepsItsHeight) {
 // A note from another program becomes the selected cue's trigger, filtered by the
 // show's channel; nothing fires, and a preview right after sounds at once.
 TEST(Inspector, CapturesANoteFromJackMIDI) {
-  if (!JackServer::installed()) GTEST_SKIP() << "jackd is not installed: no JACK MIDI to send from";
-  if (JackServer::processServerName().empty()) GTEST_SKIP() << "every private JACK server name is taken";
-  JackServer server;
-  ASSERT_TRUE(server.start()) << server.error();
-  KyoMIDIError error;
-  auto stream = KyoMIDIPortInputStream::create(error);
-  ASSERT_TRUE(stream && stream->hasJack()) << error.name << ": " << error.reason;
-  stream->setMessageDestination(
-      [](const KyoMIDIMessages& batch) { SontoDocumentController::sharedDocumentController().takeMIDIMessages(batch); });
+  if (const std::string why = JackMIDIInput::unavailable(); !why.empty()) GTEST_SKIP() << why;
+  JackMIDIInput midi;
+  ASSERT_TRUE(midi.start()) << midi.error;
 
   InspectedCue s;
   ASSERT_TRUE(s.cue);
@@ -251,7 +245,7 @@ TEST(Inspector, CapturesANoteFromJackMIDI) {
   s.inspector()->captureMIDINote();
   MIDISender sender;
   ASSERT_TRUE(sender.ok());
-  ASSERT_EQ(jack_connect(sender.client(), sender.portName().c_str(), stream->jackPortName().c_str()), 0);
+  ASSERT_TRUE(midi.connect(sender));
 
   // Channel 1 is filtered out: the capture still waits.
   sender.send({{0x90, 70, 100}});
@@ -268,7 +262,6 @@ TEST(Inspector, CapturesANoteFromJackMIDI) {
   EXPECT_EQ(other->downs, 0) << "a captured note fires no cue";
   EXPECT_EQ(s.undo()->undoActionName(), "Change MIDI Note");
   EXPECT_FALSE(s.out.device->_batchIsOpen());
-  stream->setMessageDestination(nullptr);
 }
 
 namespace {

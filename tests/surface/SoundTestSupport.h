@@ -21,7 +21,10 @@
 #include "show/AudioCue.h"
 #include "show/AudioCueSourceKyo.h"
 #include "show/SontoQtClock.h"
+#include "audio/KyoMIDIInput.h"
+#include "support/JackServer.h"
 #include "support/TestFiles.h"
+#include "surface/SontoDocumentController.h"
 
 namespace sonto::test {
 
@@ -131,5 +134,41 @@ class MIDISender {
   std::atomic<bool> m_pending{false};
 };
 
+
+// A private JACK server with the application's MIDI input on it, which hands every
+// batch to the open shows as the application does.
+struct JackMIDIInput {
+  // Empty when this machine can run it, else why not.
+  static std::string unavailable() {
+    if (!JackServer::installed()) return "jackd is not installed: no JACK MIDI to send from";
+    if (JackServer::processServerName().empty()) return "every private JACK server name is taken";
+    return {};
+  }
+  bool start() {
+    if (!server.start()) {
+      error = server.error();
+      return false;
+    }
+    KyoMIDIError midiError;
+    stream = KyoMIDIPortInputStream::create(midiError);
+    if (!stream || !stream->hasJack()) {
+      error = midiError.name + ": " + midiError.reason;
+      return false;
+    }
+    stream->setMessageDestination(
+        [](const KyoMIDIMessages& batch) { SontoDocumentController::sharedDocumentController().takeMIDIMessages(batch); });
+    return true;
+  }
+  ~JackMIDIInput() {
+    if (stream) stream->setMessageDestination(nullptr);
+  }
+  // Connects a sender's output port to the input.
+  bool connect(MIDISender& sender) const {
+    return jack_connect(sender.client(), sender.portName().c_str(), stream->jackPortName().c_str()) == 0;
+  }
+  JackServer server;
+  std::unique_ptr<KyoMIDIPortInputStream> stream;
+  std::string error;
+};
 
 }  // namespace sonto::test

@@ -190,15 +190,9 @@ TEST(WindowSound, MasterSliderFollowsTheDuckRamp) {
 // Notes from another program reach every cart of two open shows through the input
 // stream and the document controller, each show under its own channel filter.
 TEST(WindowSound, JackMIDIFiresCuesInTwoShowsByChannel) {
-  if (!sonto::test::JackServer::installed()) GTEST_SKIP() << "jackd is not installed: no JACK MIDI to send from";
-  if (sonto::test::JackServer::processServerName().empty()) GTEST_SKIP() << "every private JACK server name is taken";
-  sonto::test::JackServer server;
-  ASSERT_TRUE(server.start()) << server.error();
-  KyoMIDIError error;
-  auto stream = KyoMIDIPortInputStream::create(error);
-  ASSERT_TRUE(stream && stream->hasJack()) << error.name << ": " << error.reason;
-  stream->setMessageDestination(
-      [](const KyoMIDIMessages& batch) { SontoDocumentController::sharedDocumentController().takeMIDIMessages(batch); });
+  if (const std::string why = JackMIDIInput::unavailable(); !why.empty()) GTEST_SKIP() << why;
+  JackMIDIInput midi;
+  ASSERT_TRUE(midi.start()) << midi.error;
 
   Offline outA, outB;
   TestWindow a(outA.device), b(outB.device);
@@ -214,7 +208,7 @@ TEST(WindowSound, JackMIDIFiresCuesInTwoShowsByChannel) {
 
   MIDISender sender;
   ASSERT_TRUE(sender.ok());
-  ASSERT_EQ(jack_connect(sender.client(), sender.portName().c_str(), stream->jackPortName().c_str()), 0);
+  ASSERT_TRUE(midi.connect(sender));
   // Channel 1 and channel 3: only show a hears, in both carts. A cycle that runs late
   // may lose a script: it is sent again until it arrives.
   for (int attempt = 0; attempt < 10 && aVisible->downs == 0; ++attempt) {
@@ -232,5 +226,4 @@ TEST(WindowSound, JackMIDIFiresCuesInTwoShowsByChannel) {
   }
   EXPECT_GE(bCue->downs, 1);
   EXPECT_EQ(aVisible->downs, aDowns);
-  stream->setMessageDestination(nullptr);
 }

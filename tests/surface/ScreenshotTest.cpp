@@ -288,6 +288,8 @@ TEST(Screenshot, InspectorOnAStoppedAndAPlayingCue) {
   QTest::mousePress(view, Qt::LeftButton, {}, QPoint(int(view->pixelsPerSecond() * 4.0f), y));
   QTest::mouseMove(view, QPoint(int(view->pixelsPerSecond() * 6.0f), y));
   QTest::mouseRelease(view, Qt::LeftButton, {}, QPoint(int(view->pixelsPerSecond() * 6.0f), y));
+  t.window->activateWindow();
+  EXPECT_TRUE(QTest::qWaitForWindowActive(t.window));
   inspector->nameField()->setFocus(Qt::TabFocusReason);
   QApplication::processEvents();
   const QRect pane(t.window->inspectorController()->inspectorView()->mapTo(t.window, QPoint(0, 0)),

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds each configuration once and runs its tests:
 #   build       RelWithDebInfo, every test
-#   build-tsan  ThreadSanitizer, the engine's tests (label "engine")
+#   build-tsan  ThreadSanitizer, the engine's tests and the waveform's (label "engine")
 #   build-asan  AddressSanitizer + UndefinedBehaviorSanitizer, every test
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -53,8 +53,8 @@ else
 fi
 
 # setarch -R: ThreadSanitizer cannot map its shadow with the kernel's wide mmap randomisation.
-# Only the engine's test binaries: the rest would be built for nothing.
-if TARGETS="test_foundation test_audio test_effects" \
+# Only the engine's test binaries and the window's, for the waveform's worker.
+if TARGETS="test_foundation test_audio test_effects test_surface" \
     configure_and_build build-tsan -DCMAKE_BUILD_TYPE=Debug -DSONTO_SANITIZE=thread -DSONTO_BUILD_BENCH=OFF; then
   TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/scripts/tsan.supp" RUN_PREFIX="setarch $(uname -m) -R" \
     run_suite tsan build-tsan -L engine

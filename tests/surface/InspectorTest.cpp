@@ -298,7 +298,7 @@ TEST(Inspector, HandleDraggedOnTheWaveformIsTheInPointToTheSample) {
 
   ASSERT_TRUE(readyToPlay(s.cue));
   s.cue->play();
-  KyoHAL::shared().pullOffline(s.out.id, 60);
+  ASSERT_TRUE(pullWhenReady(s.out, s.cue, 60));
   const std::vector<float> left = s.out.left();
   size_t wrong = 0;
   for (size_t i = 0; i < 24000; ++i) wrong += left.at(i) != rampSample(int64_t(24000 + i), 0);

@@ -78,6 +78,24 @@ inline std::string ramp(const std::string& name, int64_t frames) {
   return path;
 }
 
+// Cycles pulled one at a time, each once the cue's read-ahead holds its frames: a
+// pull runs faster than real time and would otherwise outrun the disk.
+inline bool pullWhenReady(Offline& out, Cue* cue, int cycles) {
+  auto* audio = dynamic_cast<AudioCue*>(cue);
+  auto* source = audio ? dynamic_cast<AudioCueSourceKyo*>(audio->audioSource()) : nullptr;
+  if (!source) return false;
+  KyoPlainClock real;
+  for (int cycle = 0; cycle < cycles; ++cycle) {
+    for (int wait = 0; wait < 5000; ++wait) {
+      const std::shared_ptr<KyoAudioMetaBuffer> buffer = source->source()->buffer();
+      if (!buffer || buffer->isReadyToRead(kFrames)) break;
+      real.sleepFor(0.001);
+    }
+    KyoHAL::shared().pullOffline(out.id, 1);
+  }
+  return true;
+}
+
 inline bool readyToPlay(Cue* cue) {
   auto* audio = dynamic_cast<AudioCue*>(cue);
   auto* source = audio ? dynamic_cast<AudioCueSourceKyo*>(audio->audioSource()) : nullptr;

@@ -118,21 +118,24 @@ bool JackServer::start(unsigned periodFrames) {
     m_error = "every private JACK server name is in use by other test runs";
     return false;
   }
-  endOrphanServer(m_name);
-  m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
-  if (m_pid <= 0) {
-    m_error = "jackd could not be run";
-    m_pid = -1;
-    return false;
-  }
-  pid_t waiter = spawnQuietly({"jack_wait", "-w", "-t", "10"}, {"JACK_DEFAULT_SERVER=" + m_name});
-  int status = waiter > 0 ? waitFor(waiter) : -1;
-  if (status < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    m_error = "jackd -n " + m_name + " did not come up within 10 seconds";
+  // A server that ends at once is tried again: on a loaded machine a server of the
+  // same name that another test just ended may still hold its socket for a moment.
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    endOrphanServer(m_name);
+    m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
+    if (m_pid <= 0) {
+      m_error = "jackd could not be run";
+      m_pid = -1;
+      return false;
+    }
+    pid_t waiter = spawnQuietly({"jack_wait", "-w", "-t", "10"}, {"JACK_DEFAULT_SERVER=" + m_name});
+    int status = waiter > 0 ? waitFor(waiter) : -1;
+    if (status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
+    m_error = "jackd -n " + m_name + " did not come up in three tries of up to 10 seconds";
     kill(SIGKILL);
-    return false;
+    usleep(200000);
   }
-  return true;
+  return false;
 }
 
 void JackServer::kill(int signal) {

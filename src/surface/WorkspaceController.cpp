@@ -470,8 +470,8 @@ void WorkspaceController::showInspector() {
   if (m_inspectorVisible) return;
   const int total = std::max(m_splitView->height(), 2 * kMinimumPaneHeight);
   const int inspector = std::max(m_heightOfInspector, kMinimumPaneHeight);
+  m_inspectorPane->show();
   m_splitView->setSizes({std::max(total - inspector - m_splitView->handleWidth(), kMinimumPaneHeight), inspector});
-  m_splitView->handle(1)->setVisible(true);
   if (GridController* controller = selectedController()) {
     m_inspectorController->setCue(std::dynamic_pointer_cast<AudioCue>(controller->sharedCueForIndex(
         controller->gridView()->selectedIndex())));
@@ -487,8 +487,8 @@ void WorkspaceController::hideInspector() {
     m_heightOfInspector = m_inspectorPane->height();
     m_inspectorVisible = false;
   }
-  m_splitView->setSizes({m_splitView->height(), 0});
-  m_splitView->handle(1)->setVisible(!isLocked());
+  // Hidden, not only collapsed: the splitter then hides the divider with it.
+  m_inspectorPane->hide();
   updateMenus();
 }
 

@@ -4,7 +4,6 @@
 // fires nothing, and leaves no batch open on the device.
 #include <QApplication>
 #include <QButtonGroup>
-#include <QImage>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMouseEvent>
@@ -15,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
 
 #include "SoundTestSupport.h"
@@ -26,7 +24,6 @@
 #include "show/Workspace.h"
 #include "support/AllocationCounter.h"
 #include "support/JackServer.h"
-#include "surface/AudioWaveform.h"
 #include "surface/AudioWaveformView.h"
 #include "surface/CueCellController.h"
 #include "surface/CueInspectorController.h"
@@ -362,24 +359,3 @@ TEST(Inspector, ShowingAPlayingCueAddsNoAllocationToTheRenderThread) {
   for (AudioCue* cue : cues) cue->hardStop();
 }
 
-// A cue whose file is missing, or went missing after the cue was made, is shown and
-// edited like any other; its waveform draws what it has, and nothing crashes.
-TEST(Inspector, CueWithoutItsFileIsInspectedLikeAnyOther) {
-  InspectedCue s;
-  ASSERT_TRUE(s.cue);
-  auto missing = AudioCue::createWithFile(temporaryPath("never-there.wav"), s.out.device);
-  ASSERT_TRUE(missing && missing->isBroken());
-  s.t.grid()->addCue(missing, 1);
-  std::filesystem::remove(s.cue->file());
-  for (unsigned index : {1u, 0u}) {
-    SCOPED_TRACE(index);
-    s.t.grid()->gridView()->setSelectedIndex(index);
-    AudioWaveformView* view = s.inspector()->waveformView();
-    ASSERT_EQ(s.inspector()->cue(), s.t.grid()->cueForIndex(index));
-    pumpUntil([&] { return !view->waveform() || view->waveform()->isComplete(); }, 5);
-    QImage image(view->size(), QImage::Format_ARGB32);
-    view->render(&image);
-    typeInto(s.inspector()->nameField(), "Renamed");
-    EXPECT_EQ(s.inspector()->cue()->name(), "Renamed");
-  }
-}

@@ -78,34 +78,36 @@ inline std::string ramp(const std::string& name, int64_t frames) {
   return path;
 }
 
-// Cycles pulled one at a time, each once the cue's read-ahead holds its frames: a
-// pull runs faster than real time and would otherwise outrun the disk.
-inline bool pullWhenReady(Offline& out, Cue* cue, int cycles) {
-  auto* audio = dynamic_cast<AudioCue*>(cue);
-  auto* source = audio ? dynamic_cast<AudioCueSourceKyo*>(audio->audioSource()) : nullptr;
-  if (!source) return false;
-  KyoPlainClock real;
-  for (int cycle = 0; cycle < cycles; ++cycle) {
-    for (int wait = 0; wait < 5000; ++wait) {
-      const std::shared_ptr<KyoAudioMetaBuffer> buffer = source->source()->buffer();
-      if (!buffer || buffer->isReadyToRead(kFrames)) break;
-      real.sleepFor(0.001);
-    }
-    KyoHAL::shared().pullOffline(out.id, 1);
-  }
-  return true;
-}
-
-inline bool readyToPlay(Cue* cue) {
+// Waits, in real time and for ten seconds at most, until the cue's read-ahead
+// answers `ready` (or, with `orGone`, until it has none).
+template <typename Ready>
+bool waitForReadAhead(Cue* cue, Ready ready, bool orGone = false) {
   auto* audio = dynamic_cast<AudioCue*>(cue);
   auto* source = audio ? dynamic_cast<AudioCueSourceKyo*>(audio->audioSource()) : nullptr;
   if (!source) return false;
   KyoPlainClock real;
   for (int i = 0; i < 5000; ++i) {
-    if (source->source()->buffer() && source->source()->buffer()->isReadyToPlay()) return true;
+    const std::shared_ptr<KyoAudioMetaBuffer> buffer = source->source()->buffer();
+    if (buffer ? ready(*buffer) : orGone) return true;
     real.sleepFor(0.002);
   }
   return false;
+}
+
+inline bool readyToPlay(Cue* cue) {
+  return waitForReadAhead(cue, [](KyoAudioMetaBuffer& buffer) { return buffer.isReadyToPlay(); });
+}
+
+// Cycles pulled one at a time, each once the cue's read-ahead holds its frames: a
+// pull runs faster than real time and would otherwise outrun the disk.
+inline bool pullWhenReady(Offline& out, Cue* cue, int cycles) {
+  for (int cycle = 0; cycle < cycles; ++cycle) {
+    if (!waitForReadAhead(cue, [](KyoAudioMetaBuffer& buffer) { return buffer.isReadyToRead(kFrames); }, true)) {
+      return false;
+    }
+    KyoHAL::shared().pullOffline(out.id, 1);
+  }
+  return true;
 }
 
 // A JACK client that writes a script of raw messages into its MIDI output, all in

@@ -256,8 +256,11 @@ void KyoVirtualClock::detachThread(std::function<void()> work) {
     std::lock_guard<std::mutex> lock(m_state->mutex);
     ++m_state->running;
   }
-  std::thread([this, w = std::move(work)] {
+  std::thread([this, w = std::move(work)]() mutable {
     w();
+    // What the work holds goes before it counts as done: a caller that waits for the
+    // workers may then tear down what they referred to.
+    w = nullptr;
     std::lock_guard<std::mutex> lock(m_state->mutex);
     --m_state->running;
     m_state->cv.notify_all();

@@ -66,21 +66,20 @@ class FileSource : public AudioCueSource {
   double m_length = 0;
 };
 
+// A ramp file made once per name in the run's temporary folder.
+std::string rampFile(const char* name, int format, int rate, int channels, int64_t frames) {
+  const std::string path = sonto::test::temporaryPath(name);
+  sonto::test::writeRampFile(path, SF_FORMAT_WAV | format, rate, channels, frames);
+  return path;
+}
+
 const std::string& tenMinuteFile() {
-  static const std::string path = [] {
-    std::string p = sonto::test::temporaryPath("ten-minutes.wav");
-    sonto::test::writeRampFile(p, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 2, int64_t(48000) * 600);
-    return p;
-  }();
+  static const std::string path = rampFile("ten-minutes.wav", SF_FORMAT_PCM_16, 48000, 2, int64_t(48000) * 600);
   return path;
 }
 
 const std::string& hourFile() {
-  static const std::string path = [] {
-    std::string p = sonto::test::temporaryPath("one-hour.wav");
-    sonto::test::writeRampFile(p, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1, int64_t(44100) * 3600);
-    return p;
-  }();
+  static const std::string path = rampFile("one-hour.wav", SF_FORMAT_PCM_16, 44100, 1, int64_t(44100) * 3600);
   return path;
 }
 
@@ -209,11 +208,7 @@ void BM_EngineCycleWhileInspecting(benchmark::State& state) {
   const KyoAudioObjectID id = KyoHAL::shared().createOfflineDevice(2, 48000, 480, 0);
   auto device = KyoAudioDevice::deviceWithID(id);
   device->open();
-  static const std::string loop = [] {
-    std::string p = sonto::test::temporaryPath("engine-loop.wav");
-    sonto::test::writeRampFile(p, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 2, 48000 * 4);
-    return p;
-  }();
+  static const std::string loop = rampFile("engine-loop.wav", SF_FORMAT_FLOAT, 48000, 2, 48000 * 4);
   std::vector<std::shared_ptr<AudioCue>> cues;
   for (int i = 0; i < 20; ++i) {
     cues.push_back(AudioCue::createWithFile(loop, device));

@@ -15,7 +15,6 @@
 
 class AudioCue;
 class CueInspectorController;
-class QLabel;
 class QVariantAnimation;
 class WorkspaceController;
 

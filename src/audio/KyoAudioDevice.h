@@ -198,6 +198,11 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
   float outPostPeakHoldLevelAtChannel(uint32_t channel) const;
   void printVolumes() const;
 
+  // Samples that were not numbers (NaN, infinite) at the end of a cycle and went out
+  // as silence instead, since this device opened. A broken effect or a hostile level
+  // must not reach the speakers; a timer logs the count at most once a second.
+  uint64_t nonFiniteSamplesReplaced() const { return m_nonFinite->replaced.load(std::memory_order_relaxed); }
+
  private:
   explicit KyoAudioDevice(KyoAudioObjectID deviceID);
   bool install();
@@ -261,6 +266,17 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
 
   uint64_t m_listenerToken = 0;
   uint64_t m_observerToken = 0;
+
+  // Counted on the render thread, reported by a timer that outlives nothing of ours.
+  struct NonFiniteCount {
+    std::atomic<uint64_t> replaced{0};
+    std::atomic<uint64_t> reported{0};
+  };
+  const std::shared_ptr<NonFiniteCount> m_nonFinite = std::make_shared<NonFiniteCount>();
+  uint64_t m_nonFiniteTimer = 0;  // m_engineMutex; 0 when none runs
+  const void* m_nonFiniteClock = nullptr;  // the clock it runs on, compared only: it may be gone
+  void startNonFiniteReports();   // m_engineMutex held
+  static uint32_t silenceNonFinite(AudioBufferList* output, uint32_t frames);
 };
 
 static_assert(std::atomic<bool>::is_always_lock_free);

@@ -6,6 +6,7 @@
 
 #include "audio/KyoAudioDevice.h"
 #include "audio/KyoMatrixMixer.h"
+#include "foundation/KyoClock.h"
 #include "foundation/KyoEnvironment.h"
 #include "foundation/KyoLog.h"
 
@@ -139,6 +140,7 @@ bool KyoAudioDevice::open() {
     return false;
   }
   m_ioRunning.store(true);
+  startNonFiniteReports();
   lock.unlock();
   if (auto* d = delegate()) d->audioDeviceDidOpen(this);
   return true;
@@ -168,6 +170,11 @@ bool KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>
     if (status != kKyoHALNoError && status != kKyoHALNotRunningError) KYO_LOG_STATUS(status);
   }
   const bool wasOpen = m_open.exchange(false);
+  if (m_nonFiniteTimer) {
+    // A clock swapped since (tests do) took its timers with it.
+    if (&KyoCurrentClock() == m_nonFiniteClock) KyoCurrentClock().stopTimer(m_nonFiniteTimer);
+    m_nonFiniteTimer = 0;
+  }
   // A fade running now gives up at its next step, even if the device opens again.
   m_fadeIndex.fetch_add(1);
 
@@ -410,6 +417,45 @@ void KyoAudioDevice::ioProc(void* client, uint32_t frames, const AudioBufferList
   flags = kKyoRenderAction_PostRender;
   if (status != 0) flags |= kKyoRenderAction_PostRenderError;
   device->m_notifyInfo.call(&flags, &timeStamp, 0, frames, output);
+  // The last word before the device layer: nothing that is not a number goes out.
+  if (const uint32_t replaced = silenceNonFinite(output, frames)) {
+    device->m_nonFinite->replaced.fetch_add(replaced, std::memory_order_relaxed);
+  }
+}
+
+// Render thread. A sample is finite unless its exponent bits are all set; the test
+// on the bits keeps the loop free of branches, so it costs next to nothing.
+uint32_t KyoAudioDevice::silenceNonFinite(AudioBufferList* output, uint32_t frames) {
+  if (!output) return 0;
+  uint32_t replaced = 0;
+  for (uint32_t b = 0; b < output->mNumberBuffers; ++b) {
+    AudioBuffer& buffer = output->mBuffers[b];
+    if (!buffer.mData) continue;
+    const uint32_t count =
+        std::min<uint32_t>(buffer.mDataByteSize / sizeof(float), frames * std::max<uint32_t>(buffer.mNumberChannels, 1));
+    auto* samples = static_cast<uint32_t*>(buffer.mData);  // the same bits as the floats
+    for (uint32_t i = 0; i < count; ++i) {
+      const bool bad = (samples[i] & 0x7F800000u) == 0x7F800000u;
+      replaced += bad;
+      samples[i] = bad ? 0u : samples[i];
+    }
+  }
+  return replaced;
+}
+
+// m_engineMutex held. On whatever thread the clock's timers fire (the main loop in
+// the window), never the render thread.
+void KyoAudioDevice::startNonFiniteReports() {
+  if (m_nonFiniteTimer) return;
+  const std::string deviceName = name();
+  m_nonFiniteClock = &KyoCurrentClock();
+  m_nonFiniteTimer = KyoCurrentClock().startTimer(1.0, true, [count = m_nonFinite, deviceName] {
+    const uint64_t replaced = count->replaced.load(std::memory_order_relaxed);
+    const uint64_t before = count->reported.exchange(replaced);
+    if (replaced == before) return;
+    KyoLog("Output \"%s\": %llu samples that were not numbers were sent as silence (a broken effect or file?)",
+           deviceName.c_str(), static_cast<unsigned long long>(replaced - before));
+  });
 }
 
 int32_t KyoAudioDevice::outRenderCallback(uint32_t* ioActionFlags, const KyoAudioTimeStamp* timeStamp, uint32_t busNumber,

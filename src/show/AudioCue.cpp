@@ -397,7 +397,7 @@ QJsonObject AudioCue::archive() const {
   return o;
 }
 
-std::shared_ptr<AudioCue> AudioCue::createWithArchive(const QJsonObject& o) {
+std::shared_ptr<AudioCue> AudioCue::createWithArchive(const QJsonObject& o, std::vector<std::string>* notes) {
   auto cue = std::make_shared<AudioCue>();
   auto string = [&](const char* key, std::string fallback = {}) {
     const QJsonValue v = o.value(key);
@@ -414,7 +414,8 @@ std::shared_ptr<AudioCue> AudioCue::createWithArchive(const QJsonObject& o) {
   cue->setName(string("name"));
   cue->m_documentPath = string("documentPath");
   KYO_LOG_AT(3, "initializing %s", cue->description().c_str());
-  cue->m_volume = static_cast<float>(number("volume", 0.0));
+  const std::string label = cue->name().empty() ? std::filesystem::path(cue->m_file).filename().string() : cue->name();
+  cue->m_volume = SontoArchive::boundedLevel(number("volume", 0.0), "The volume of the cue \"" + label + "\"", notes);
   cue->m_hotkey = string("hotkey");
   cue->m_hold = boolean("hold");
   cue->m_loops = boolean("loops");

@@ -51,7 +51,9 @@ class AudioCue : public Cue, public std::enable_shared_from_this<AudioCue> {
   static std::shared_ptr<AudioCue> createWithFile(const std::string& path, std::shared_ptr<KyoAudioDevice> device);
   // The decoded record, with a source that has no file yet: the reader calls
   // setCart, updateFile and setAudioDevice afterwards. Wrong types read as defaults.
-  static std::shared_ptr<AudioCue> createWithArchive(const QJsonObject& archive);
+  // What the archive held that had to be mended (a level out of range) goes to `notes`.
+  static std::shared_ptr<AudioCue> createWithArchive(const QJsonObject& archive,
+                                                     std::vector<std::string>* notes = nullptr);
   QJsonObject archive() const;
 
   // How new sources are made; without one a cue has no source and is broken.

@@ -5,7 +5,10 @@
 #include <charconv>
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+
+#include "foundation/KyoLog.h"
 
 namespace SontoArchive {
 
@@ -90,11 +93,17 @@ void appendValue(QByteArray& out, const QJsonValue& value) {
   }
 }
 
+constexpr const char* kReplacementCharacter = "\xEF\xBF\xBD";  // U+FFFD in UTF-8
+
 // Recursive descent over the bytes; the depth limit bounds the recursion.
 class Parser {
  public:
-  Parser(const QByteArray& data, const Limits& limits)
-      : m_begin(data.constData()), m_p(data.constData()), m_end(data.constData() + data.size()), m_limits(limits) {}
+  Parser(const QByteArray& data, const Limits& limits, std::vector<std::string>* repaired)
+      : m_begin(data.constData()),
+        m_p(data.constData()),
+        m_end(data.constData() + data.size()),
+        m_limits(limits),
+        m_repaired(repaired) {}
 
   std::optional<QJsonValue> parseDocument() {
     skipSpace();
@@ -166,13 +175,16 @@ class Parser {
       skipSpace();
       if (m_p >= m_end || *m_p != '"') return fail("expected a key"), false;
       QString key;
-      if (!parseString(key)) return false;
+      if (!parseString(key, true)) return false;
       skipSpace();
       if (m_p >= m_end || *m_p != ':') return fail("expected ':'"), false;
       ++m_p;
       skipSpace();
       QJsonValue member;
-      if (!parseValue(member, depth)) return false;
+      m_path.push_back({&key, 0});
+      const bool parsed = parseValue(member, depth);
+      m_path.pop_back();
+      if (!parsed) return false;
       object.insert(key, member);
       skipSpace();
       if (m_p < m_end && *m_p == ',') {
@@ -201,7 +213,10 @@ class Parser {
     for (;;) {
       skipSpace();
       QJsonValue element;
-      if (!parseValue(element, depth)) return false;
+      m_path.push_back({nullptr, array.size()});
+      const bool parsed = parseValue(element, depth);
+      m_path.pop_back();
+      if (!parsed) return false;
       array.append(element);
       skipSpace();
       if (m_p < m_end && *m_p == ',') {
@@ -280,9 +295,17 @@ class Parser {
     return true;
   }
 
-  bool parseString(QString& result) {
+  // Text that is not valid Unicode (bad UTF-8, a lone surrogate) comes out with
+  // U+FFFD in its place and the string's place noted: one damaged name must not
+  // cost a whole show.
+  bool parseString(QString& result, bool isKey = false) {
     ++m_p;  // the opening quote
     std::string out;
+    bool replaced = false;
+    auto replace = [&] {
+      out.append(kReplacementCharacter);
+      replaced = true;
+    };
     for (;;) {
       if (out.size() > m_limits.maxStringBytes) return fail("string too long"), false;
       if (m_p >= m_end) return fail("unterminated string"), false;
@@ -293,7 +316,10 @@ class Parser {
       }
       if (static_cast<unsigned char>(c) < 0x20) return fail("control character in a string"), false;
       if (c != '\\') {
-        if (!copyUtf8(out)) return fail("invalid UTF-8 in a string"), false;
+        if (!copyUtf8(out)) {
+          replace();
+          ++m_p;
+        }
         continue;
       }
       ++m_p;
@@ -312,13 +338,21 @@ class Parser {
           uint32_t cp;
           if (!hex4(cp)) return fail("invalid \\u escape"), false;
           if (cp >= 0xD800 && cp <= 0xDBFF) {
-            uint32_t low;
-            if (m_end - m_p < 2 || m_p[0] != '\\' || m_p[1] != 'u') return fail("lone surrogate"), false;
-            m_p += 2;
-            if (!hex4(low) || low < 0xDC00 || low > 0xDFFF) return fail("lone surrogate"), false;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+            // A high surrogate counts only with a low one after it; anything else
+            // after it is read on its own.
+            uint32_t low = 0;
+            const char* next = m_p;
+            if (m_end - m_p >= 6 && m_p[0] == '\\' && m_p[1] == 'u' && (m_p += 2, hex4(low)) && low >= 0xDC00 &&
+                low <= 0xDFFF) {
+              cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+            } else {
+              m_p = next;
+              replace();
+              break;
+            }
           } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
-            return fail("lone surrogate"), false;
+            replace();
+            break;
           }
           appendUtf8(out, cp);
           break;
@@ -328,7 +362,22 @@ class Parser {
     }
     if (out.size() > m_limits.maxStringBytes) return fail("string too long"), false;
     result = QString::fromUtf8(out.data(), static_cast<qsizetype>(out.size()));
+    if (replaced && m_repaired) m_repaired->push_back(pathText() + (isKey ? " (a key)" : ""));
     return true;
+  }
+
+  // Where the parser is, as "carts[0].cues.3.name".
+  std::string pathText() const {
+    std::string text;
+    for (const auto& step : m_path) {
+      if (step.key) {
+        if (!text.empty()) text += '.';
+        text += step.key->toStdString();
+      } else {
+        text += "[" + std::to_string(step.index) + "]";
+      }
+    }
+    return text.empty() ? "the document" : text;
   }
 
   bool parseNumber(QJsonValue& value) {
@@ -379,6 +428,12 @@ class Parser {
   const char* m_p;
   const char* m_end;
   const Limits& m_limits;
+  std::vector<std::string>* m_repaired;
+  struct Step {
+    const QString* key;  // null for an element of an array
+    qsizetype index;
+  };
+  std::vector<Step> m_path;
   size_t m_values = 0;
   std::string m_error;
 };
@@ -406,19 +461,21 @@ QByteArray encodeOrdered(const std::vector<std::pair<QString, QJsonValue>>& memb
   return out;
 }
 
-std::optional<QJsonValue> decode(const QByteArray& data, std::string* error, const Limits& limits) {
+std::optional<QJsonValue> decode(const QByteArray& data, std::string* error, const Limits& limits,
+                                 std::vector<std::string>* repaired) {
   if (static_cast<size_t>(data.size()) > limits.maxDocumentBytes) {
     if (error) *error = "document of " + std::to_string(data.size()) + " bytes is too large";
     return std::nullopt;
   }
-  Parser parser(data, limits);
+  Parser parser(data, limits, repaired);
   auto value = parser.parseDocument();
   if (!value && error) *error = parser.error();
   return value;
 }
 
-std::optional<QJsonObject> decodeObject(const QByteArray& data, std::string* error, const Limits& limits) {
-  auto value = decode(data, error, limits);
+std::optional<QJsonObject> decodeObject(const QByteArray& data, std::string* error, const Limits& limits,
+                                        std::vector<std::string>* repaired) {
+  auto value = decode(data, error, limits, repaired);
   if (!value) return std::nullopt;
   if (!value->isObject()) {
     if (error) *error = "the document is not an object";
@@ -499,6 +556,16 @@ std::optional<double> numberValue(const QJsonObject& object, const char* key) {
   const QJsonValue v = object.value(QLatin1String(key));
   if (!v.isDouble()) return std::nullopt;
   return v.toDouble();
+}
+
+float boundedLevel(double value, const std::string& field, std::vector<std::string>* notes) {
+  if (value >= 0.0 && value <= 1.0) return static_cast<float>(value);
+  const double bounded = value > 1.0 ? 1.0 : 0.0;  // NaN, which no file can hold, would go silent too
+  char line[256];
+  std::snprintf(line, sizeof line, "%s was %g, outside 0 to 1; it plays at %g", field.c_str(), value, bounded);
+  KyoLog("%s", line);
+  if (notes) notes->push_back(line);
+  return static_cast<float>(bounded);
 }
 
 }  // namespace SontoArchive

@@ -33,10 +33,13 @@ QByteArray encode(const QJsonValue& value);
 QByteArray encodeOrdered(const std::vector<std::pair<QString, QJsonValue>>& members);
 
 // The object of a document, or null with the reason in `error` (offset included).
+// Strings that are not valid Unicode are repaired with U+FFFD; `repaired` gets the
+// place of each such string ("carts[0].cues.3.name").
 std::optional<QJsonObject> decodeObject(const QByteArray& data, std::string* error = nullptr,
-                                        const Limits& limits = Limits());
+                                        const Limits& limits = Limits(),
+                                        std::vector<std::string>* repaired = nullptr);
 std::optional<QJsonValue> decode(const QByteArray& data, std::string* error = nullptr,
-                                 const Limits& limits = Limits());
+                                 const Limits& limits = Limits(), std::vector<std::string>* repaired = nullptr);
 
 // Bytes as {"$data": "<base64>"}; null for anything else or invalid base64.
 QJsonObject dataObject(const QByteArray& data);
@@ -61,5 +64,9 @@ QString className(const QJsonValue& value);
 QString stringValue(const QJsonObject& object, const char* key, const QString& fallback = QString());
 bool boolValue(const QJsonObject& object, const char* key, bool fallback = false);
 std::optional<double> numberValue(const QJsonObject& object, const char* key);
+
+// A linear level read from a file, held to what the interface can set: 0 (silence)
+// to 1 (0 dB). A level outside is logged once under `field` and noted in `notes`.
+float boundedLevel(double value, const std::string& field, std::vector<std::string>* notes = nullptr);
 
 }  // namespace SontoArchive

@@ -70,6 +70,12 @@ bool exists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
+// Following links, as the copy of a cue's media does.
+bool isRegularFile(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 // Removes a file or a whole folder without following symbolic links out of it.
 bool removeItem(const std::string& path, int* errorNumber) {
   struct stat st;
@@ -200,12 +206,12 @@ QJsonObject cueArchive(const Cue& cue) {
   return QJsonObject{{"$class", "Cue"}};
 }
 
-std::shared_ptr<Cue> cueFromArchive(const QJsonObject& archive) {
+std::shared_ptr<Cue> cueFromArchive(const QJsonObject& archive, std::vector<std::string>* notes) {
   if (SontoArchive::className(archive) != AudioCue::kArchiveClassName) {
     KyoLog("Skipping a cue of class \"%s\"", SontoArchive::className(archive).toUtf8().constData());
     return nullptr;
   }
-  return AudioCue::createWithArchive(archive);
+  return AudioCue::createWithArchive(archive, notes);
 }
 
 // Staging folders of saves that were cut off (their process is gone) hold nothing
@@ -259,7 +265,8 @@ std::optional<WorkspaceDocument> documentFromData(const QByteArray& data, std::s
     return std::nullopt;
   };
   std::string parseError;
-  const auto root = SontoArchive::decodeObject(data, &parseError);
+  std::vector<std::string> repaired;
+  const auto root = SontoArchive::decodeObject(data, &parseError, SontoArchive::Limits(), &repaired);
   if (!root) return fail("the document is damaged: " + parseError);
 
   // Every known key is checked before anything is built, so that a refusal leaves nothing half made.
@@ -288,13 +295,12 @@ std::optional<WorkspaceDocument> documentFromData(const QByteArray& data, std::s
     const QJsonValue cues = cart.toObject().value("cues");
     if (!cues.isUndefined() && !cues.isObject()) return fail("a cart's \"cues\" is not a dictionary");
   }
-  for (const char* key : {"masterVolume", "duckedVolume"}) {
-    if (const auto v = SontoArchive::numberValue(*root, key); v && !std::isfinite(*v)) {
-      return fail(std::string("the document's \"") + key + "\" is not a number");
-    }
-  }
 
   WorkspaceDocument d;
+  for (const std::string& place : repaired) {
+    d.notes.push_back("The document's " + place + " was not valid text; what could not be read shows as \"\uFFFD\"");
+    KyoLog("%s", d.notes.back().c_str());
+  }
   d.version = root->value("version").toString().toStdString();
   if (root->contains("audioDeviceUID")) d.audioDeviceUID = root->value("audioDeviceUID").toString().toStdString();
   if (const auto channel = SontoArchive::numberValue(*root, "deviceChannel")) {
@@ -302,12 +308,17 @@ std::optional<WorkspaceDocument> documentFromData(const QByteArray& data, std::s
     d.deviceChannel = (*channel >= 1 && *channel <= 1 << 20) ? static_cast<long>(*channel) : 1;
   }
   for (const QJsonValue& cart : carts) {
-    d.carts.push_back(std::shared_ptr<Cart>(Cart::fromArchive(cart.toObject(), cueFromArchive)));
+    d.carts.push_back(std::shared_ptr<Cart>(
+        Cart::fromArchive(cart.toObject(), [&d](const QJsonObject& cue) { return cueFromArchive(cue, &d.notes); })));
   }
   d.locked = SontoArchive::boolValue(*root, "locked");
   d.ducked = SontoArchive::boolValue(*root, "ducked");
-  if (const auto v = SontoArchive::numberValue(*root, "masterVolume")) d.masterVolume = static_cast<float>(*v);
-  if (const auto v = SontoArchive::numberValue(*root, "duckedVolume")) d.duckedVolume = static_cast<float>(*v);
+  if (const auto v = SontoArchive::numberValue(*root, "masterVolume")) {
+    d.masterVolume = SontoArchive::boundedLevel(*v, "The master level", &d.notes);
+  }
+  if (const auto v = SontoArchive::numberValue(*root, "duckedVolume")) {
+    d.duckedVolume = SontoArchive::boundedLevel(*v, "The ducked level", &d.notes);
+  }
   if (root->value("settings").isObject()) d.settings = root->value("settings").toObject();
   if (root->value("logger").isObject()) d.logger = SontoLogger::fromArchive(root->value("logger").toObject());
   return d;
@@ -389,6 +400,7 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
     std::string source;
   };
   std::map<std::string, Collected> cuesByTarget;
+  std::vector<std::shared_ptr<AudioCue>> withoutMedia;
   for (const auto& cart : document.carts) {
     if (!cart) continue;
     std::vector<const Cue*> dead;
@@ -400,6 +412,13 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
       auto audioCue = std::dynamic_pointer_cast<AudioCue>(cue);
       if (!audioCue) continue;
       const std::string original = std::string(kMediaFolderName) + "/" + lastPathComponent(audioCue->file());
+      if (!isRegularFile(audioCue->file())) {
+        // Its media is gone: the rest of the show is saved, and the cue keeps the
+        // name it had, so that the file put back there (or relinked) is found again.
+        if (audioCue->documentPath().empty()) audioCue->setDocumentPath(original);
+        withoutMedia.push_back(audioCue);
+        continue;
+      }
       std::string name = original;
       for (int i = 1; exists(staging + "/" + name); ++i) {
         if (i > kMaxNameTries) {
@@ -416,6 +435,16 @@ bool writePackage(const QUrl& url, WorkspaceDocument& document, SavingError* err
 
   const QByteArray data = documentData(document);
   step("archived");
+  if (!withoutMedia.empty()) {
+    std::string names;
+    for (const auto& cue : withoutMedia) {
+      names += (names.empty() ? "\"" : ", \"") + (cue->name().empty() ? lastPathComponent(cue->file()) : cue->name()) + "\"";
+    }
+    document.notes.push_back(format("Saved %s without the media of %zu cue%s whose file is missing: %s",
+                                    lastPathComponent(target).c_str(), withoutMedia.size(),
+                                    withoutMedia.size() == 1 ? "" : "s", names.c_str()));
+    KyoLog("%s", document.notes.back().c_str());
+  }
   if (hooks.unblockUserInteraction) hooks.unblockUserInteraction();
 
   if (!writeFileDurably(staging + "/" + kDocumentName, data)) {

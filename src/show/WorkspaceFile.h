@@ -47,6 +47,9 @@ struct WorkspaceDocument {
   std::optional<float> duckedVolume;     // absent in old files: the default stands
   std::optional<QJsonObject> settings;   // the settings' state
   std::shared_ptr<SontoLogger> logger;   // absent in old files: the workspace keeps its own
+  // What the reader had to mend and what the writer had to leave out, in words, one
+  // line each; every one is logged as well.
+  std::vector<std::string> notes;
 };
 
 // What reading needs of a workspace, called on the main thread in the order of

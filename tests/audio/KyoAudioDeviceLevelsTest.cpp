@@ -170,6 +170,32 @@ TEST(AudioDeviceMeters, AClippingSampleShowsAboveZeroDecibels) {
   EXPECT_EQ(dev.device->outPostAveragePowerAtChannel(5), 0.0f);
 }
 
+// Whatever the engine mixes, a sample that is not a number never reaches the device
+// layer: it goes out as silence and is counted; its neighbours are untouched.
+TEST(AudioDeviceMeters, SamplesThatAreNotNumbersGoOutAsSilence) {
+  OfflineDevice dev{2, 48000.0, 64};
+  ASSERT_TRUE(dev.device->open());
+  std::vector<std::shared_ptr<TestSource>> sources{
+      std::make_shared<TestSource>(dev.device.get(), std::vector<uint32_t>{0}, TestSource::Signal::Constant, NAN),
+      std::make_shared<TestSource>(dev.device.get(), std::vector<uint32_t>{1}, TestSource::Signal::Constant, 0.5f)};
+  for (auto& s : sources) {
+    ASSERT_TRUE(dev.device->_attachAudio(s));
+    s->_play();
+  }
+  ASSERT_EQ(dev.pull(3), 0);
+  auto rec = dev.recording();
+  for (float v : rec[0]) ASSERT_EQ(v, 0.0f);
+  for (float v : rec[1]) ASSERT_EQ(v, 0.5f);
+  EXPECT_EQ(dev.device->nonFiniteSamplesReplaced(), 3u * 64u);
+  // Two huge finite levels overflow into infinities: silenced as well.
+  dev.device->setMasterVolume(3e38f);
+  dev.device->setOutputVolume(3e38f, 1);
+  ASSERT_EQ(dev.pull(1), 0);
+  rec = dev.recording();
+  EXPECT_EQ(rec[1].back(), 0.0f);
+  EXPECT_EQ(dev.device->nonFiniteSamplesReplaced(), 3u * 64u + 2u * 64u);
+}
+
 TEST(AudioDevicePrint, TheMatrixPrintsAsARowPerInputChannelThenTheOutputs) {
   OfflineDevice dev{3, 48000.0, 64};
   dev.device->printVolumes();  // closed: prints nothing, no crash

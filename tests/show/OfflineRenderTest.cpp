@@ -331,6 +331,22 @@ TEST(RenderCommandTest, SavedShowRendersToAWavAndBadInputGetsItsStatus) {
   ASSERT_GE(info.frames, 1024 + 14400);
   EXPECT_EQ(differences(samples, expectedOutput(size_t(info.frames), {{1024, 1024 + 14400}})), 0u);
 
+  // Levels that no control can set, written into the file by hand, play at the most
+  // a control can set (the cue and the master at 1): the same samples, all finite.
+  const std::string loud = folder + "/Loud.sonto";
+  sonto::test::run("cp -r '" + show + "' '" + loud + "'");
+  std::string document = readBytes(loud + "/document");
+  for (const auto& [from, to] : {std::pair<std::string, std::string>{"\"masterVolume\":1,", "\"masterVolume\":1000,"},
+                                 {"\"volume\":1", "\"volume\":3e38"}}) {
+    ASSERT_NE(document.find(from), std::string::npos) << from;
+    document.replace(document.find(from), from.size(), to);
+  }
+  writeBytes(loud + "/document", document);
+  ASSERT_EQ(run("'" + loud + "' -o '" + out + "' --buffer 256 --events '" + folder + "/events.txt'"), 0);
+  EXPECT_NE(readBytes(err).find("The master level was 1000, outside 0 to 1; it plays at 1"), std::string::npos)
+      << readBytes(err);
+  EXPECT_EQ(differences(readWav(out, info), samples), 0u);
+
   // Another process, another length: the same samples.
   ASSERT_EQ(run("'" + show + "' -o '" + out + "' --seconds 0.25 --rate 48000 --buffer 256 --events '" + folder +
                 "/events.txt'"),

@@ -97,11 +97,6 @@ TEST(SontoArchive, BrokenAndHostileTextIsRefusedWithAReason) {
       {"raw control character", QByteArray("{\"a\":\"x\x01y\"}")},
       {"bad escape", R"({"a":"\q"})"},
       {"short unicode escape", R"({"a":"\u12"})"},
-      {"lone high surrogate", R"({"a":"\ud800"})"},
-      {"lone low surrogate", R"({"a":"\udc00x"})"},
-      {"invalid UTF-8", QByteArray("{\"a\":\"\xff\xfe\"}")},
-      {"overlong UTF-8", QByteArray("{\"a\":\"\xc0\xaf\"}")},
-      {"UTF-8 surrogate", QByteArray("{\"a\":\"\xed\xa0\x80\"}")},
       {"truncated UTF-8", QByteArray("{\"a\":\"\xe6\xbc")},
       {"embedded nul", QByteArray("{\"a\":1}\0", 8)},
       {"deep nesting", QByteArray(100000, '[')},
@@ -114,6 +109,45 @@ TEST(SontoArchive, BrokenAndHostileTextIsRefusedWithAReason) {
   std::string error;
   EXPECT_FALSE(SontoArchive::decodeObject("[1,2]", &error));
   EXPECT_EQ(error, "the document is not an object");
+}
+
+// A damaged name must not cost the show: bad UTF-8 and lone surrogates come out as
+// U+FFFD, each string's place is named, and the good text around them stays.
+TEST(SontoArchive, TextThatIsNotUnicodeIsRepairedWhereItStands) {
+  const QString r(QChar(0xFFFD));
+  struct Case {
+    const char* name;
+    QByteArray text;
+    QString value;
+    const char* place;
+  };
+  const Case cases[] = {
+      {"invalid bytes", "{\"a\":[\"x\xff\xfey\"]}", "x" + r + r + "y", "a[0]"},
+      {"overlong", "{\"a\":{\"b\":\"\xc0\xaf\"}}", r + r, "a.b"},
+      {"UTF-8 surrogate", "{\"a\":\"\xed\xa0\x80!\"}", r + r + r + "!", "a"},
+      {"cut sequence", "{\"a\":\"\xe6\xbc\"}", r + r, "a"},
+      {"lone high surrogate", R"({"a":"\ud800"})", r, "a"},
+      {"high then a letter", R"({"a":"\ud800\u0041"})", r + "A", "a"},
+      {"lone low surrogate", R"({"a":"\udc00x"})", r + "x", "a"},
+      {"a pair stays a pair", R"({"a":"\ud83c\udfb5"})", QString::fromUtf8("🎵"), nullptr},
+  };
+  for (const auto& c : cases) {
+    std::vector<std::string> repaired;
+    std::string error;
+    const auto o = SontoArchive::decodeObject(c.text, &error, {}, &repaired);
+    ASSERT_TRUE(o) << c.name << ": " << error;
+    QJsonValue v = o->value("a");
+    if (v.isArray()) v = v.toArray().at(0);
+    if (v.isObject()) v = v.toObject().value("b");
+    EXPECT_EQ(v.toString(), c.value) << c.name;
+    EXPECT_EQ(repaired, c.place ? std::vector<std::string>{c.place} : std::vector<std::string>{}) << c.name;
+  }
+  std::vector<std::string> repaired;
+  const auto key = SontoArchive::decodeObject("{\"k\xff\":1}", nullptr, {}, &repaired);
+  ASSERT_TRUE(key);
+  EXPECT_TRUE(key->contains("k" + r));
+  EXPECT_EQ(repaired, std::vector<std::string>{"the document (a key)"});
+  EXPECT_FALSE(SontoArchive::decode(R"(["\ud800\u12"])")) << "a broken escape after it is still refused";
 }
 
 TEST(SontoArchive, LimitsHoldAtTheirEdges) {

@@ -4,8 +4,13 @@
 #include <QStandardPaths>
 #include <QSysInfo>
 
+#include <QSocketNotifier>
+
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "foundation/KyoClock.h"
@@ -21,6 +26,19 @@
 #include "surface/WorkspaceController.h"
 
 namespace {
+
+// A signal handler may do next to nothing: it writes the signal's number to a
+// socket that the main loop watches, and the quit happens there.
+int gSignalSocket[2] = {-1, -1};
+
+void writeSignal(int signal) {
+  const int saved = errno;
+  const unsigned char number = static_cast<unsigned char>(signal);
+  [[maybe_unused]] const ssize_t written = write(gSignalSocket[0], &number, 1);
+  // Should the clean quit hang, the process ends anyway (SIGALRM's own action).
+  alarm(3);
+  errno = saved;
+}
 
 double physicalMemoryGigabytes() {
   const long pages = sysconf(_SC_PHYS_PAGES);
@@ -77,17 +95,24 @@ void Sonto::initializeMIDI() {
 
   KyoMIDIError error;
   m_portInputStream = KyoMIDIPortInputStream::create(error);
-  if (!m_portInputStream) {
-    KyoLog("ERROR: Could not create MIDI input port stream: Caught %s: %s", error.name.c_str(), error.reason.c_str());
-  } else {
-    m_portInputStream->setMessageDestination(destination);
+  // Containers and many servers have no ALSA sequencer: said once, in words, as a
+  // fact of the machine rather than an error; the details are for developers.
+  const KyoMIDIError alsa = m_portInputStream ? m_portInputStream->alsaError() : error;
+  if (!alsa.name.empty()) {
+    KyoLog("MIDI from the ALSA sequencer is not available on this machine%s",
+           m_portInputStream ? "; MIDI through JACK is heard"
+                             : " and no JACK server runs: Sonto hears no MIDI until it is restarted with one");
+    KYO_LOG_AT(kKyoDebugLogLevel, "MIDI input port stream: %s: %s", alsa.name.c_str(), alsa.reason.c_str());
   }
+  if (m_portInputStream) m_portInputStream->setMessageDestination(destination);
 
   error = {};
   m_virtualInputStream = KyoMIDIVirtualInputStream::create(error);
   if (!m_virtualInputStream) {
-    KyoLog("ERROR: Could not create MIDI input virtual stream: Caught %s: %s", error.name.c_str(),
-           error.reason.c_str());
+    if (alsa.name.empty()) {
+      KyoLog("Sonto's own MIDI port, which other programs send to, could not be made: %s", error.reason.c_str());
+    }
+    KYO_LOG_AT(kKyoDebugLogLevel, "MIDI virtual input stream: %s: %s", error.name.c_str(), error.reason.c_str());
   } else {
     m_virtualInputStream->setMessageDestination(destination);
     QSettings defaults;
@@ -113,8 +138,35 @@ void Sonto::applicationWillTerminate() {
   KyoNotificationCenter::defaultCenter().postNotification(AudioCue::kHardStopNotification, this);
 }
 
+void Sonto::installQuitSignals() {
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, gSignalSocket) != 0) {
+    KyoLog("Signals will end Sonto without closing its devices: no socket for them (%s)", std::strerror(errno));
+    return;
+  }
+  auto* notifier = new QSocketNotifier(gSignalSocket[1], QSocketNotifier::Read, this);
+  connect(notifier, &QSocketNotifier::activated, this, [this] {
+    unsigned char number = 0;
+    if (read(gSignalSocket[1], &number, 1) == 1) quitOnSignal(number);
+  });
+  struct sigaction action{};
+  action.sa_handler = writeSignal;
+  sigemptyset(&action.sa_mask);
+  action.sa_flags = SA_RESTART;
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP}) sigaction(signal, &action, nullptr);
+}
+
+void Sonto::quitOnSignal(int signal) {
+  static bool quitting = false;
+  if (quitting) return;
+  quitting = true;
+  KyoLog("Quitting on SIG%s: open shows close unsaved and their devices close", sigabbrev_np(signal));
+  SontoDocumentController::sharedDocumentController().closeAllWithoutAsking();
+  QApplication::quit();
+}
+
 int sontoRunApplication(int argc, char** argv) {
   Sonto application(argc, argv);
+  application.installQuitSignals();
   const QStringList files = application.arguments().mid(1);
   KyoInstallClock(std::make_shared<SontoQtClock>());
   application.initialize();

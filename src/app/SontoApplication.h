@@ -31,6 +31,9 @@ class Sonto : public QApplication {
   // Every open show gets the whole batch.
   void takeMIDIMessages(const KyoMIDIMessages& messages);
   void applicationWillTerminate();
+  // SIGTERM, SIGINT and SIGHUP quit as Quit does, devices closed, but without the
+  // question about unsaved edits: nobody is there to answer it.
+  void installQuitSignals();
 
   bool applicationHasFinishedLaunching() const { return m_applicationHasFinishedLaunching; }
   KyoMIDIPortInputStream* portInputStream() const { return m_portInputStream.get(); }
@@ -41,6 +44,7 @@ class Sonto : public QApplication {
   std::unique_ptr<KyoMIDIPortInputStream> m_portInputStream;
   std::unique_ptr<KyoMIDIVirtualInputStream> m_virtualInputStream;
   bool m_applicationHasFinishedLaunching = false;
+  void quitOnSignal(int signal);
 };
 
 // The window: an untitled show, or the show files named on the command line.

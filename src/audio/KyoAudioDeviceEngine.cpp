@@ -61,16 +61,26 @@ bool KyoAudioDevice::open() {
 
   std::unique_lock<std::mutex> lock(m_engineMutex);
   KyoHALDeviceProperties p;
-  if (!readProperties(p, __PRETTY_FUNCTION__, __LINE__)) return false;
+  // The operator's line says it in words; the status goes to the developers' level.
+  auto tell = [&](const char* why) {
+    KyoLog("Cannot open the output \"%s\": %s. Choose another output; until then this show is not heard.",
+           p.name.empty() ? "(unnamed)" : p.name.c_str(), why);
+  };
+  if (!readProperties(p, __PRETTY_FUNCTION__, __LINE__)) {
+    tell("it is no longer there");
+    return false;
+  }
   if (p.outputChannels == 0 || p.nominalSampleRate <= 0) {
     KYO_LOG_STATUS_DETAIL(kKyoHALUnsupportedError, p.name + " has no outputs or no rate");
+    tell("it has no output channels or no sample rate");
     return false;
   }
 
   // Released outside the locks, after a failure.
   std::vector<std::shared_ptr<KyoAudioAttachable>> released;
-  auto fail = [&](int32_t status, int line) {
+  auto fail = [&](int32_t status, int line, const char* why = "the mixer for it could not be set up") {
     KyoLogStatus(status, __PRETTY_FUNCTION__, line);
+    tell(status == kKyoHALBadDeviceError ? "it is no longer there" : why);
     closeLocked(released);
     return false;
   };
@@ -134,7 +144,7 @@ bool KyoAudioDevice::open() {
   if (!m_open.load()) return false;  // closed meanwhile by another thread
   status = KyoHAL::shared().startIO(m_deviceID, withInput, &KyoAudioDevice::ioProc, this);
   if (status != kKyoHALNoError) {
-    fail(status, __LINE__);
+    fail(status, __LINE__, "it would not start playing (is another program holding it?)");
     lock.unlock();
     if (auto* d = delegate()) d->audioDeviceDidClose(this);
     return false;

@@ -6,10 +6,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 #include "foundation/KyoEnvironment.h"
+#include "foundation/KyoLog.h"
 
 namespace {
 
@@ -17,6 +21,16 @@ constexpr double kPreferredRate = 48000;
 constexpr unsigned kPeriods = 3;
 constexpr int kWaitMilliseconds = 100;  // how long a stop may wait for a blocked write
 constexpr int kRenderPriority = 70;
+
+void reportALSAError(const char* file, int line, const char* function, int error, const char* format, ...) {
+  if (KyoEnvironment::logLevel() < kKyoDebugLogLevel) return;
+  char text[512];
+  va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text, sizeof text, format, arguments);
+  va_end(arguments);
+  KyoLog("ALSA: %s:%d (%s) %s%s%s", file, line, function, text, error ? ": " : "", error ? snd_strerror(error) : "");
+}
 
 std::string alsaError(int error) { return std::string(snd_strerror(error)) + " (" + std::to_string(error) + ")"; }
 
@@ -26,6 +40,15 @@ std::string oneLine(const char* text) {
   std::replace(s.begin(), s.end(), '\n', ' ');
   return s;
 }
+
+}  // namespace
+
+void KyoALSAReportToLog() {
+  static std::once_flag once;
+  std::call_once(once, [] { snd_lib_error_set_handler(reportALSAError); });
+}
+
+namespace {
 
 enum class SampleFormat { Float, S32, S16 };
 
@@ -281,6 +304,7 @@ void KyoHALAlsa::forget() {
 }
 
 std::vector<KyoHALDeviceProperties> KyoHALAlsa::scan(const std::vector<std::string>& uidsInUse) {
+  KyoALSAReportToLog();
   std::lock_guard<std::mutex> lock(m_mutex);
   void** hints = nullptr;
   if (snd_device_name_hint(-1, "pcm", &hints) < 0 || !hints) return {};

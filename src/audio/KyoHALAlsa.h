@@ -12,6 +12,11 @@
 
 #include "audio/KyoHALBackend.h"
 
+// alsa-lib writes its own complaints to standard error ("ALSA lib seq_hw.c:466: ...
+// open /dev/snd/seq failed"); from the first call on they go to the log at the
+// developers' level instead, as whoever called says what failed in words.
+void KyoALSAReportToLog();
+
 class KyoHALAlsa : public KyoHALBackend {
  public:
   static constexpr uint32_t kDefaultBufferSize = 512;

@@ -333,3 +333,5 @@ int32_t KyoHALJack::setBufferSizeInFrames(const std::string& uid, uint32_t frame
   }
   return kKyoHALNoError;
 }
+
+void KyoJackReportToLog() { installJackReporting(); }

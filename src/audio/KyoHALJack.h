@@ -13,6 +13,10 @@
 
 typedef struct _jack_client jack_client_t;
 
+// libjack's own lines ("Cannot connect to server socket", "jack server is not
+// running") go to the log at the developers' level from the first call on.
+void KyoJackReportToLog();
+
 class KyoHALJack : public KyoHALBackend {
  public:
   KyoHALJack();

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <thread>
 
+#include "audio/KyoHALAlsa.h"
 #include "audio/KyoMIDIInputPrivate.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoEnvironment.h"
@@ -85,6 +86,7 @@ std::weak_ptr<KyoMIDIALSAClient> gClient;
 std::shared_ptr<KyoMIDIALSAClient> KyoMIDIALSAClient::shared(KyoMIDIError& error) {
   std::lock_guard<std::mutex> lock(gClientMutex);
   if (auto client = gClient.lock()) return client;
+  KyoALSAReportToLog();
   snd_seq_t* seq = nullptr;
   int status = snd_seq_open(&seq, "default", SND_SEQ_OPEN_DUPLEX, SND_SEQ_NONBLOCK);
   if (status < 0) {

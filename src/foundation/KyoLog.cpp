@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <mutex>
 
+#include "foundation/KyoEnvironment.h"
+
 namespace {
 std::mutex& sinkMutex() {
   // Never destroyed: threads that outlive main may still log.
@@ -60,10 +62,12 @@ std::string KyoFourCharString(uint32_t code) {
 }
 
 void KyoLogStatus(int32_t status, const char* function, int line) {
+  if (KyoEnvironment::logLevel() < kKyoDebugLogLevel) return;
   KyoLog("Error: %d [%s] | %s [line %d]", status, KyoFourCharString(uint32_t(status)).c_str(), function, line);
 }
 
 void KyoLogStatusDetail(int32_t status, const std::string& detail, const char* function, int line) {
+  if (KyoEnvironment::logLevel() < kKyoDebugLogLevel) return;
   KyoLog("Error: %d [%s] %s | %s [line %d]", status, KyoFourCharString(uint32_t(status)).c_str(), detail.c_str(),
          function, line);
 }

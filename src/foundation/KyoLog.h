@@ -10,9 +10,14 @@
 // printf-style line; a newline is added when the text has none.
 void KyoLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// "Error: %d [%4.4s] | %s [line %d]"
+// The log level from which the lines for developers are written: statuses with
+// their numbers, functions and line numbers. What an operator sees is said in words
+// by the caller, at level 0.
+constexpr long kKyoDebugLogLevel = 1;
+
+// "Error: %d [%4.4s] | %s [line %d]", at the debug level.
 void KyoLogStatus(int32_t status, const char* function, int line);
-// "Error: %d [%4.4s] %s | %s [line %d]"
+// "Error: %d [%4.4s] %s | %s [line %d]", at the debug level.
 void KyoLogStatusDetail(int32_t status, const std::string& detail, const char* function, int line);
 
 // The four bytes of a status or four-character code as text, highest byte first;

@@ -110,6 +110,11 @@ bool SontoDocumentController::closeAll() {
   return true;
 }
 
+void SontoDocumentController::closeAllWithoutAsking() {
+  const std::vector<WorkspaceController*> documents = m_documents;
+  for (WorkspaceController* document : documents) document->closeWithoutAsking();
+}
+
 QStringList SontoDocumentController::recentDocuments() const {
   return QSettings().value(QString::fromLatin1(kRecentDocumentsKey)).toStringList();
 }

@@ -46,6 +46,9 @@ class SontoDocumentController : public QObject {
   void panicAll();
   // Closes every window; false when the operator kept one open.
   bool closeAll();
+  // Closes every window with its edits unsaved and asks nothing: for a signal to
+  // quit, which no one is there to answer.
+  void closeAllWithoutAsking();
 
   // Most recent first, at most ten, kept in the user's settings.
   QStringList recentDocuments() const;

@@ -897,6 +897,11 @@ bool WorkspaceController::closeDocument() {
   return true;
 }
 
+void WorkspaceController::closeWithoutAsking() {
+  invalidate();
+  close();
+}
+
 void WorkspaceController::closeEvent(QCloseEvent* event) {
   if (!closeDocument()) return event->ignore();
   event->accept();

@@ -149,6 +149,12 @@ class WorkspaceController : public QMainWindow {
 
  protected:
   void closeEvent(QCloseEvent* event) override;
+
+ public:
+  // Shuts the show and the window, edits unsaved, with no question.
+  void closeWithoutAsking();
+
+ protected:
   void keyPressEvent(QKeyEvent* event) override;
   void keyReleaseEvent(QKeyEvent* event) override;
 

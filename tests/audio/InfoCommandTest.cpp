@@ -17,17 +17,6 @@ using namespace sonto::test;
 
 namespace {
 
-// The sonto binary sits in the build folder, one above the test binaries.
-std::string sontoBinary() {
-  char self[PATH_MAX] = {};
-  ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return {};
-  std::string path(self, size_t(n));
-  path = path.substr(0, path.rfind('/'));
-  path = path.substr(0, path.rfind('/')) + "/sonto";
-  return ::access(path.c_str(), X_OK) == 0 ? path : std::string();
-}
-
 std::string slurp(const std::string& path) {
   std::ifstream in(path);
   std::stringstream text;

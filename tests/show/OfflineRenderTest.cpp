@@ -263,16 +263,6 @@ TEST(EventScriptTest, EventsComeInTimeOrderWithTheirArguments) {
 
 // --- sonto render, the binary built beside the tests ---
 
-std::string sontoBinary() {
-  char self[PATH_MAX] = {};
-  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) return {};
-  std::string path(self, size_t(n));
-  path = path.substr(0, path.rfind('/'));
-  path = path.substr(0, path.rfind('/')) + "/sonto";
-  return ::access(path.c_str(), X_OK) == 0 ? path : std::string();
-}
-
 std::vector<std::vector<float>> readWav(const std::string& path, SF_INFO& info) {
   info = {};
   SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
@@ -287,7 +277,7 @@ std::vector<std::vector<float>> readWav(const std::string& path, SF_INFO& info) 
 }
 
 TEST(RenderCommandTest, SavedShowRendersToAWavAndBadInputGetsItsStatus) {
-  const std::string binary = sontoBinary();
+  const std::string binary = sonto::test::sontoBinary();
   if (binary.empty()) GTEST_SKIP() << "the sonto binary is not built beside the tests";
   setenv("XDG_CACHE_HOME", sonto::test::temporaryPath("cache").c_str(), 1);
   const std::string folder = makeFolder("render-command");

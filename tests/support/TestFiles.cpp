@@ -3,6 +3,7 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -81,6 +82,16 @@ bool writeFloatWav(const std::string& path, double rate, const std::vector<std::
 int run(const std::string& command) {
   int status = std::system(command.c_str());
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string sontoBinary() {
+  char self[PATH_MAX] = {};
+  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return {};
+  std::string path(self, size_t(n));
+  path = path.substr(0, path.rfind('/'));
+  path = path.substr(0, path.rfind('/')) + "/sonto";
+  return ::access(path.c_str(), X_OK) == 0 ? path : std::string();
 }
 
 }  // namespace sonto::test

@@ -27,4 +27,8 @@ bool writeFloatWav(const std::string& path, double rate, const std::vector<std::
 // Runs a shell command; answers its exit status.
 int run(const std::string& command);
 
+// The sonto binary in the build folder, one above the test binaries; empty when it
+// is not built.
+std::string sontoBinary();
+
 }  // namespace sonto::test

@@ -1,11 +1,13 @@
 #pragma once
 // Waiting for what real threads bring about, and catching the log lines they write.
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "foundation/KyoClock.h"
+#include "foundation/KyoEnvironment.h"
 #include "foundation/KyoLog.h"
 
 namespace sonto::test {
@@ -22,16 +24,21 @@ bool eventually(Predicate predicate, double limitSeconds = 20) {
   return true;
 }
 
-// Collects the log lines written, by any thread, while it lives.
+// Collects the log lines written, by any thread, while it lives, the lines for
+// developers included.
 class LogCapture {
  public:
-  LogCapture() {
+  LogCapture() : m_level(KyoEnvironment::logLevel()) {
+    KyoEnvironment::setLogLevel(std::max(m_level, kKyoDebugLogLevel));
     KyoSetLogSink([this](const std::string& line) {
       std::lock_guard<std::mutex> lock(m_mutex);
       m_lines.push_back(line);
     });
   }
-  ~LogCapture() { KyoSetLogSink(nullptr); }
+  ~LogCapture() {
+    KyoSetLogSink(nullptr);
+    KyoEnvironment::setLogLevel(m_level);
+  }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
@@ -58,6 +65,7 @@ class LogCapture {
   }
 
  private:
+  const long m_level;
   std::mutex m_mutex;
   std::vector<std::string> m_lines;
 };

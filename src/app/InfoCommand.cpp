@@ -34,6 +34,9 @@ std::string reasonFrom(const std::vector<std::string>& lines) {
   }
   for (const std::string& raw : lines) {
     std::string line = trimmed(raw);
+    // "Error: Cannot read 'PATH': REASON", the reason in words already.
+    size_t reason = line.rfind("': ");
+    if (startsWith(line, "Error: Cannot read '") && reason != std::string::npos) return line.substr(reason + 3);
     if (line.find("Could not find file") != std::string::npos) return "file not found";
     if (line.find("Too many files open") != std::string::npos) return "too many files open";
     if (line.find("Couldn't find any audio") != std::string::npos) return "no sound in the file";

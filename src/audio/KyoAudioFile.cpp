@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "audio/KyoFileDecoder.h"
+#include "foundation/KyoFileKind.h"
 #include "foundation/KyoLog.h"
 
 namespace {
@@ -216,6 +217,9 @@ void KyoAudioFile::_openFile() {
   _closeFile();
   std::string path = m_alias->fullPath();
   std::string name = displayNameFor(*m_alias);
+  auto refuse = [&name](const std::string& why) { KyoLog("Error: Cannot read '%s': %s", name.c_str(), why.c_str()); };
+  // Before any open: a FIFO would hold this thread until a writer came.
+  if (std::string why = KyoNotRegularFileReason(path); !why.empty()) return refuse(why);
 
   KyoFileOpenResult result = KyoFileOpenResult::notFound;
   std::string detail;

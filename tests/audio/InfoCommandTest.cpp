@@ -51,6 +51,8 @@ TEST(InfoCommandTest, DescribesGoodFilesAndExplainsBadOnes) {
   std::string garbage = temporaryPath("garbage.wav");
   std::ofstream(garbage) << "this is not audio at all\n";
   std::string missing = temporaryPath("missing.wav");
+  std::string fifo = temporaryPath("info-fifo.wav");
+  ASSERT_TRUE(makeAnsweredFifo(fifo));
 
   Outcome one = runInfo(binary, "'" + good + "'");
   EXPECT_EQ(one.status, 0);
@@ -67,14 +69,15 @@ TEST(InfoCommandTest, DescribesGoodFilesAndExplainsBadOnes) {
   EXPECT_NE(film.out.find("44100 Hz"), std::string::npos) << film.out;
 
   // Any file that fails makes the status 1; the good ones are still described.
-  Outcome mixed = runInfo(binary, "'" + good + "' '" + garbage + "' '" + missing + "'");
+  Outcome mixed = runInfo(binary, "'" + good + "' '" + garbage + "' '" + missing + "' '" + fifo + "'");
   EXPECT_EQ(mixed.status, 1);
   EXPECT_NE(mixed.out.find(good), std::string::npos);
   EXPECT_EQ(mixed.out.find(garbage), std::string::npos) << "a bad file belongs on standard error";
   EXPECT_NE(mixed.err.find(garbage + ": cannot be read: "), std::string::npos) << mixed.err;
   EXPECT_NE(mixed.err.find(missing + ": cannot be read: file not found"), std::string::npos) << mixed.err;
+  EXPECT_NE(mixed.err.find(fifo + ": cannot be read: it is a FIFO, not a regular file\n"), std::string::npos);
   // One line per bad file: the reason, not the reader's whole log.
-  EXPECT_EQ(std::count(mixed.err.begin(), mixed.err.end(), '\n'), 2) << mixed.err;
+  EXPECT_EQ(std::count(mixed.err.begin(), mixed.err.end(), '\n'), 3) << mixed.err;
 
   Outcome none = runInfo(binary, "");
   EXPECT_NE(none.status, 0);

@@ -311,3 +311,19 @@ TEST(KyoAudioFileBadInputTest, FilesCutInHalfPlayWhatIsThereAndEnd) {
     EXPECT_GT(file->readFrames(512, list.get()), 0u);
   }
 }
+
+// Hostile media: what could hold the opening thread (a FIFO waits for a writer) or
+// read without end is refused before any open. Refusals say why.
+TEST(KyoAudioFileBadInputTest, HostileMediaIsRefusedInWords) {
+  const std::string fifo = temporaryPath("fifo.wav");
+  ASSERT_TRUE(makeAnsweredFifo(fifo));
+  // Each path with its refusal.
+  const std::pair<std::string, std::string> cases[] = {
+      {fifo, "it is a FIFO, not a regular file"},
+      {"/dev/null", "it is a device, not a regular file"},
+  };
+  for (const auto& [path, refusal] : cases) {
+    SCOPED_TRACE(path);
+    EXPECT_EQ(expectRefused(path), "Error: Cannot read '" + path + "': " + refusal + "\n");
+  }
+}

@@ -243,7 +243,8 @@ TEST_F(WorkspaceFileSafety, BrokenAndHostileDocumentsAreRefused) {
     EXPECT_EQ(d.version, "untouched") << c.name << ": nothing is opened half-way";
   }
 
-  // No document at all, a folder in its place, one too large to be a show.
+  // No document at all, a folder in its place, one too large to be a show, a FIFO
+  // (refused before an open that would wait for a writer).
   SavingError error;
   WorkspaceDocument d;
   EXPECT_FALSE(WorkspaceFile::readPackage(urlOf(root + "/Nothing.sonto"), d, &error));
@@ -253,6 +254,10 @@ TEST_F(WorkspaceFileSafety, BrokenAndHostileDocumentsAreRefused) {
   sonto::test::run("mkdir -p '" + root + "/Huge.sonto' && truncate -s 300M '" + root + "/Huge.sonto/document'");
   EXPECT_FALSE(WorkspaceFile::readPackage(urlOf(root + "/Huge.sonto"), d, &error));
   EXPECT_NE(error.message.find("too large"), std::string::npos) << error.message;
+  sonto::test::run("mkdir -p '" + root + "/Fifo.sonto'");
+  ASSERT_TRUE(sonto::test::makeAnsweredFifo(root + "/Fifo.sonto/document"));
+  EXPECT_FALSE(WorkspaceFile::readPackage(urlOf(root + "/Fifo.sonto"), d, &error));
+  EXPECT_NE(error.message.find("/document: it is a FIFO, not a regular file"), std::string::npos) << error.message;
 }
 
 // Levels beyond what a control can set, and names that are not text, are mended

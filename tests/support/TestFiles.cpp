@@ -1,12 +1,15 @@
 #include "support/TestFiles.h"
 
+#include <fcntl.h>
 #include <sndfile.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 namespace sonto::test {
 
@@ -61,6 +64,15 @@ bool writeRampFile(const std::string& path, int format, double rate, uint32_t ch
     done += n;
   }
   return sf_close(f) == 0;
+}
+
+bool makeAnsweredFifo(const std::string& path) {
+  if (::mkfifo(path.c_str(), 0600) != 0) return false;
+  // Waits in open() for the next reader, for as long as the FIFO and the process last.
+  std::thread([path] {
+    for (int fd; (fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC)) >= 0;) ::close(fd);
+  }).detach();
+  return true;
 }
 
 bool writeFloatWav(const std::string& path, double rate, const std::vector<std::vector<float>>& channels) {

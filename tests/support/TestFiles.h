@@ -24,6 +24,10 @@ bool writeRampFile(const std::string& path, int format, double rate, uint32_t ch
 // Writes the given non-interleaved float channels as a 32-bit float WAV.
 bool writeFloatWav(const std::string& path, double rate, const std::vector<std::vector<float>>& channels);
 
+// A FIFO whose every opening for reading meets a writer that closes at once, so
+// that code which should never open it reads nothing instead of hanging the test.
+bool makeAnsweredFifo(const std::string& path);
+
 // Runs a shell command; answers its exit status.
 int run(const std::string& command);
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "audio/KyoFileDecoder.h"
+#include "foundation/KyoEnvironment.h"
 #include "foundation/KyoFileKind.h"
 #include "foundation/KyoLog.h"
 
@@ -129,11 +130,20 @@ uint32_t listFrameCapacity(const AudioBufferList* list) {
   return list->mNumberBuffers ? capacity : 0;
 }
 
+// The frames that decode from the decoder's present position to the end.
+int64_t countFrames(KyoFileDecoder& file) {
+  std::vector<float> scratch(size_t(kChunkFrames) * file.channels());
+  int64_t total = 0;
+  while (uint32_t got = file.read(scratch.data(), kChunkFrames)) total += got;
+  return total;
+}
+
 }  // namespace
 
 // The open decoder and the conversion state between it and the caller.
 struct KyoAudioFile::Decoder {
   std::unique_ptr<KyoFileDecoder> file;
+  int64_t lengthInFrames = 0;  // at the file's rate
   uint32_t fileChannels = 0;
   double fileRate = 0;
 
@@ -241,8 +251,24 @@ void KyoAudioFile::_openFile() {
     }
   }
 
+  // A damaged file can open and still not play: a FLAC whose first frame is damaged
+  // cannot go to its start (refused), a cut Ogg states the largest count as its
+  // length (what decodes is counted, and plays).
+  int64_t length = file->lengthInFrames();
+  const double maxFrames = kKyoFileMaxLengthInSeconds * file->sampleRate();
+  const char* damage = nullptr;
+  if (!file->seek(0)) {
+    damage = "its start cannot be decoded";
+  } else if (length < 0 || double(length) > maxFrames) {
+    KYO_LOG_AT(3, "%s states %lld frames; counting them", name.c_str(), (long long)length);
+    length = countFrames(*file);
+    if (length == 0 || !file->seek(0)) damage = "no sound can be decoded from it";
+  }
+  if (damage) return refuse(std::string("it is damaged: ") + damage + "; replace it with a good copy");
+
   m_decoder = std::make_unique<Decoder>();
   m_decoder->file = std::move(file);
+  m_decoder->lengthInFrames = length;
   m_decoder->fileChannels = m_decoder->file->channels();
   m_decoder->fileRate = m_decoder->file->sampleRate();
   m_fileFormat = KyoAudioStreamDescription(m_decoder->file->fileFormat());
@@ -267,7 +293,7 @@ std::optional<KyoAudioStreamDescription> KyoAudioFile::fileFormat() { return m_f
 
 uint32_t KyoAudioFile::fileChannels() { return m_fileFormat ? m_fileFormat->channels() : 0; }
 
-int64_t KyoAudioFile::_fileLengthInFrames() { return m_decoder ? m_decoder->file->lengthInFrames() : 0; }
+int64_t KyoAudioFile::_fileLengthInFrames() { return m_decoder ? m_decoder->lengthInFrames : 0; }
 
 double KyoAudioFile::fileLengthInSeconds() {
   if (m_fileLengthInSeconds == 0 && m_decoder && m_fileFormat && m_fileFormat->sampleRate() > 0)

@@ -47,3 +47,5 @@ std::unique_ptr<KyoFileDecoder> KyoFileDecoderOpenFFmpeg(const std::string& path
 constexpr double kKyoFileMinSampleRate = 1000.0;
 constexpr double kKyoFileMaxSampleRate = 1536000.0;
 constexpr uint32_t kKyoFileMaxChannels = 256;
+// A stated length beyond this is no length at all (a cut Ogg states the largest count).
+constexpr double kKyoFileMaxLengthInSeconds = 7 * 24 * 3600.0;

@@ -313,17 +313,39 @@ TEST(KyoAudioFileBadInputTest, FilesCutInHalfPlayWhatIsThereAndEnd) {
 }
 
 // Hostile media: what could hold the opening thread (a FIFO waits for a writer) or
-// read without end is refused before any open. Refusals say why.
-TEST(KyoAudioFileBadInputTest, HostileMediaIsRefusedInWords) {
-  const std::string fifo = temporaryPath("fifo.wav");
+// read without end is refused before any open; a cut Ogg plays what decodes, with
+// that length; a FLAC that cannot go to its start is refused. Refusals say why.
+TEST(KyoAudioFileBadInputTest, HostileMediaIsRefusedInWordsOrPlaysWhatDecodes) {
+  const std::string fifo = temporaryPath("fifo.wav"), ogg = temporaryPath("cut.ogg"),
+                    flac = temporaryPath("flipped.flac");
   ASSERT_TRUE(makeAnsweredFifo(fifo));
-  // Each path with its refusal.
+  ASSERT_TRUE(writeRampFile(ogg, SF_FORMAT_OGG | SF_FORMAT_VORBIS, 44100, 2, 441000));
+  ASSERT_TRUE(writeRampFile(flac, SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 44100, 2, 44100));
+  std::vector<uint8_t> bytes = readBytes(ogg);
+  writeBytes(ogg, std::vector<uint8_t>(bytes.begin(), bytes.begin() + long(bytes.size() / 2)));
+  // Past "fLaC" and its metadata blocks (a last-block bit, a 24-bit length) into the first frame.
+  bytes = readBytes(flac);
+  size_t at = 4;
+  for (bool last = false; !last; at += 4 + size_t(bytes.at(at + 1) << 16 | bytes.at(at + 2) << 8 | bytes.at(at + 3)))
+    last = bytes[at] & 0x80;
+  bytes.at(at + 20) ^= 0xFF;
+  writeBytes(flac, bytes);
+  // Each path with its refusal; none: it plays what decodes.
   const std::pair<std::string, std::string> cases[] = {
       {fifo, "it is a FIFO, not a regular file"},
       {"/dev/null", "it is a device, not a regular file"},
+      {ogg, ""},
+      {flac, "it is damaged: its start cannot be decoded; replace it with a good copy"},
   };
   for (const auto& [path, refusal] : cases) {
     SCOPED_TRACE(path);
-    EXPECT_EQ(expectRefused(path), "Error: Cannot read '" + path + "': " + refusal + "\n");
+    if (!refusal.empty()) {
+      EXPECT_EQ(expectRefused(path), "Error: Cannot read '" + path + "': " + refusal + "\n");
+      continue;
+    }
+    auto file = openFile(path);
+    ASSERT_TRUE(file->validFile());
+    EXPECT_LT(file->_fileLengthInFrames(), 441000);
+    EXPECT_EQ(readToTheEnd(*file), file->_fileLengthInFrames());
   }
 }

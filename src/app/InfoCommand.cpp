@@ -9,6 +9,7 @@
 #include "app/Commands.h"
 #include "audio/KyoAudioFile.h"
 #include "foundation/KyoAlias.h"
+#include "foundation/KyoFileKind.h"
 #include "foundation/KyoLog.h"
 
 namespace {
@@ -48,7 +49,8 @@ std::string reasonFrom(const std::vector<std::string>& lines) {
 bool describeFile(const std::string& path) {
   auto alias = KyoAlias::aliasWithPath(path);
   if (!alias) {
-    std::fprintf(stderr, "%s: cannot be read: file not found\n", path.c_str());
+    const std::string why = KyoFileUnreadableReason(path);
+    std::fprintf(stderr, "%s: cannot be read: %s\n", path.c_str(), why.empty() ? "file not found" : why.c_str());
     return false;
   }
   std::vector<std::string> lines;

@@ -229,7 +229,7 @@ void KyoAudioFile::_openFile() {
   std::string name = displayNameFor(*m_alias);
   auto refuse = [&name](const std::string& why) { KyoLog("Error: Cannot read '%s': %s", name.c_str(), why.c_str()); };
   // Before any open: a FIFO would hold this thread until a writer came.
-  if (std::string why = KyoNotRegularFileReason(path); !why.empty()) return refuse(why);
+  if (std::string why = KyoFileUnreadableReason(path); !why.empty()) return refuse(why);
 
   KyoFileOpenResult result = KyoFileOpenResult::notFound;
   std::string detail;

@@ -2,9 +2,23 @@
 
 #include <sys/stat.h>
 
-std::string KyoNotRegularFileReason(const std::string& path) {
+#include <cerrno>
+#include <cstring>
+
+std::string KyoFileUnreadableReason(const std::string& path) {
   struct stat st {};
-  if (path.empty() || ::stat(path.c_str(), &st) != 0 || S_ISREG(st.st_mode)) return {};
+  if (path.empty()) return {};
+  if (::stat(path.c_str(), &st) != 0) {
+    switch (errno) {
+      case ENOENT:
+      case ENOTDIR: return {};
+      case ELOOP: return "its symbolic links lead round in a loop";
+      case EACCES: return "a folder on its way may not be entered (permission denied)";
+      case ENAMETOOLONG: return "its path is too long";
+      default: return std::string("it cannot be examined: ") + std::strerror(errno);
+    }
+  }
+  if (S_ISREG(st.st_mode)) return {};
   std::string kind;
   if (S_ISDIR(st.st_mode))
     kind = "a folder, ";

@@ -557,7 +557,7 @@ bool readPackage(const QUrl& url, WorkspaceDocument& document, SavingError* erro
     rename(previousPackagePath(package).c_str(), package.c_str());
   }
 
-  if (std::string why = KyoNotRegularFileReason(documentPath); !why.empty()) return readFailure(why);
+  if (std::string why = KyoFileUnreadableReason(documentPath); !why.empty()) return readFailure(why);
   const int fd = open(documentPath.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return readFailure(errnoText(errno));
   struct stat st;

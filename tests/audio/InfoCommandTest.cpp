@@ -53,6 +53,8 @@ TEST(InfoCommandTest, DescribesGoodFilesAndExplainsBadOnes) {
   std::string missing = temporaryPath("missing.wav");
   std::string fifo = temporaryPath("info-fifo.wav");
   ASSERT_TRUE(makeAnsweredFifo(fifo));
+  const std::string loop = temporaryPath("loop.wav");
+  ASSERT_EQ(run("ln -sf '" + loop + "' '" + loop + "'"), 0);
 
   Outcome one = runInfo(binary, "'" + good + "'");
   EXPECT_EQ(one.status, 0);
@@ -69,15 +71,17 @@ TEST(InfoCommandTest, DescribesGoodFilesAndExplainsBadOnes) {
   EXPECT_NE(film.out.find("44100 Hz"), std::string::npos) << film.out;
 
   // Any file that fails makes the status 1; the good ones are still described.
-  Outcome mixed = runInfo(binary, "'" + good + "' '" + garbage + "' '" + missing + "' '" + fifo + "'");
+  Outcome mixed =
+      runInfo(binary, "'" + good + "' '" + garbage + "' '" + missing + "' '" + fifo + "' '" + loop + "'");
   EXPECT_EQ(mixed.status, 1);
   EXPECT_NE(mixed.out.find(good), std::string::npos);
   EXPECT_EQ(mixed.out.find(garbage), std::string::npos) << "a bad file belongs on standard error";
   EXPECT_NE(mixed.err.find(garbage + ": cannot be read: "), std::string::npos) << mixed.err;
   EXPECT_NE(mixed.err.find(missing + ": cannot be read: file not found"), std::string::npos) << mixed.err;
   EXPECT_NE(mixed.err.find(fifo + ": cannot be read: it is a FIFO, not a regular file\n"), std::string::npos);
+  EXPECT_NE(mixed.err.find(loop + ": cannot be read: its symbolic links lead round in a loop\n"), std::string::npos);
   // One line per bad file: the reason, not the reader's whole log.
-  EXPECT_EQ(std::count(mixed.err.begin(), mixed.err.end(), '\n'), 3) << mixed.err;
+  EXPECT_EQ(std::count(mixed.err.begin(), mixed.err.end(), '\n'), 4) << mixed.err;
 
   Outcome none = runInfo(binary, "");
   EXPECT_NE(none.status, 0);

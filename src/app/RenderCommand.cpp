@@ -33,7 +33,8 @@
 
 namespace {
 
-constexpr double kMaxSeconds = 24 * 3600;
+// The longest render, which is also the latest time an event script may name.
+constexpr double kMaxSeconds = SontoEventScript::kMaxSeconds;
 
 int usage(const std::string& problem) {
   if (!problem.empty()) std::fprintf(stderr, "sonto render: %s\n", problem.c_str());

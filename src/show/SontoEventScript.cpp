@@ -6,9 +6,13 @@
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <sstream>
+#include <string_view>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "show/AudioCue.h"
 
@@ -27,6 +31,16 @@ constexpr NamedAction kPlainActions[] = {
     {"stop-all", Action::StopAll},    {"hard-stop-all", Action::HardStopAll}, {"duck", Action::Duck},
     {"unduck", Action::Unduck},
 };
+
+// A token as a message echoes it: quoted, and cut at a character boundary after 40
+// bytes, so that a megabyte without a space makes a message of one line.
+std::string quoted(const std::string& token) {
+  constexpr size_t kShownBytes = 40;
+  if (token.size() <= kShownBytes) return "'" + token + "'";
+  size_t cut = kShownBytes;
+  while (cut > 0 && (uint8_t(token[cut]) & 0xC0) == 0x80) --cut;
+  return "'" + token.substr(0, cut) + "…'";
+}
 
 // A whole token as a finite decimal number.
 std::optional<double> number(const std::string& token) {
@@ -65,11 +79,11 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
     }
     const QString key = QString::fromUtf8(t[2].data(), qsizetype(t[2].size()));
     if (key.size() != 1 && !(key.size() == 2 && key[0].isHighSurrogate())) {
-      error = "'" + t[2] + "' is not one key";
+      error = quoted(t[2]) + " is not one key";
       return std::nullopt;
     }
     if (t[3] != "down" && t[3] != "up") {
-      error = "expected 'down' or 'up' after the key, not '" + t[3] + "'";
+      error = "expected 'down' or 'up' after the key, not " + quoted(t[3]);
       return std::nullopt;
     }
     event.key = AudioCue::parseHotkey(t[2]);
@@ -82,11 +96,11 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
     }
     std::optional<int> note = integer(t[2], 0, 127);
     if (!note) {
-      error = "bad note '" + t[2] + "' (0 to 127)";
+      error = "bad note " + quoted(t[2]) + " (0 to 127)";
       return std::nullopt;
     }
     if (t[3] != "on" && t[3] != "off") {
-      error = "expected 'on' or 'off' after the note, not '" + t[3] + "'";
+      error = "expected 'on' or 'off' after the note, not " + quoted(t[3]);
       return std::nullopt;
     }
     event.action = t[3] == "on" ? Action::NoteOn : Action::NoteOff;
@@ -96,7 +110,7 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
     if (used < t.size() && t[used] != "channel") {
       std::optional<int> velocity = integer(t[used], 0, 127);
       if (!velocity) {
-        error = "bad velocity '" + t[used] + "' (0 to 127)";
+        error = "bad velocity " + quoted(t[used]) + " (0 to 127)";
         return std::nullopt;
       }
       event.velocity = uint8_t(*velocity);
@@ -105,7 +119,7 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
     if (used < t.size() && t[used] == "channel") {
       std::optional<int> channel = used + 1 < t.size() ? integer(t[used + 1], 1, 16) : std::nullopt;
       if (!channel) {
-        error = "bad channel '" + (used + 1 < t.size() ? t[used + 1] : std::string()) + "' (1 to 16)";
+        error = "bad channel " + quoted(used + 1 < t.size() ? t[used + 1] : std::string()) + " (1 to 16)";
         return std::nullopt;
       }
       event.channel = *channel;
@@ -114,7 +128,7 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
   } else if (name == "volume") {
     std::optional<double> gain = t.size() > 2 ? number(t[2]) : std::nullopt;
     if (!gain || *gain < 0 || *gain > 16) {
-      error = "bad gain '" + (t.size() > 2 ? t[2] : std::string()) + "' (a linear gain, 0 to 16)";
+      error = "bad gain " + quoted(t.size() > 2 ? t[2] : std::string()) + " (a linear gain, 0 to 16)";
       return std::nullopt;
     }
     event.action = Action::Volume;
@@ -124,13 +138,13 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
     auto plain = std::find_if(std::begin(kPlainActions), std::end(kPlainActions),
                               [&](const NamedAction& a) { return name == a.name; });
     if (plain == std::end(kPlainActions)) {
-      error = "unknown action '" + name + "'";
+      error = "unknown action " + quoted(name);
       return std::nullopt;
     }
     event.action = plain->action;
   }
   if (used < t.size()) {
-    error = "unexpected '" + t[used] + "' after '" + name + "'";
+    error = "unexpected " + quoted(t[used]) + " after " + quoted(name);
     return std::nullopt;
   }
   return event;
@@ -141,7 +155,8 @@ std::optional<SontoScriptEvent> actionOf(const std::vector<std::string>& t, std:
 std::optional<std::vector<SontoScriptEvent>> SontoEventScript::parse(const std::string& text, const std::string& name,
                                                                     std::string* error) {
   std::vector<SontoScriptEvent> events;
-  std::istringstream in(text);
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  std::istringstream in(text.starts_with(kByteOrderMark) ? text.substr(kByteOrderMark.size()) : text);
   int lineNumber = 0;
   for (std::string line; std::getline(in, line);) {
     ++lineNumber;
@@ -151,7 +166,10 @@ std::optional<std::vector<SontoScriptEvent>> SontoEventScript::parse(const std::
     std::optional<double> time = number(tokens[0]);
     std::optional<SontoScriptEvent> event;
     if (!time || *time < 0) {
-      why = "bad time '" + tokens[0] + "' (seconds, 0 or more)";
+      why = "bad time " + quoted(tokens[0]) + " (seconds, 0 or more)";
+    } else if (*time > kMaxSeconds) {
+      why = "time " + quoted(tokens[0]) + " is past the longest render (" + std::to_string(int(kMaxSeconds)) +
+            " seconds)";
     } else if (tokens.size() < 2) {
       why = "missing action after the time";
     } else {
@@ -171,17 +189,34 @@ std::optional<std::vector<SontoScriptEvent>> SontoEventScript::parse(const std::
 }
 
 std::optional<std::vector<SontoScriptEvent>> SontoEventScript::readFile(const std::string& path, std::string* error) {
+  std::string why;
   std::string text;
-  FILE* file = std::fopen(path.c_str(), "rb");
-  bool failed = !file;
-  if (file) {
-    char chunk[4096];
-    for (size_t n; (n = std::fread(chunk, 1, sizeof chunk, file)) > 0;) text.append(chunk, n);
-    failed = std::ferror(file) != 0;
-    std::fclose(file);
+  // Non-blocking: a FIFO without a writer opens at once, and is then refused by its type.
+  const int file = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  struct stat status {};
+  if (file < 0 || ::fstat(file, &status) != 0) {
+    why = std::strerror(errno);
+  } else if (!S_ISREG(status.st_mode)) {
+    why = S_ISDIR(status.st_mode) ? "a folder, not a file" : "not a regular file";
+  } else {
+    // One byte past the limit tells a file at the limit from a larger one, even one
+    // that grows while it is read.
+    text.resize(kMaxFileBytes + 1);
+    size_t size = 0;
+    while (size < text.size()) {
+      const ssize_t n = ::read(file, text.data() + size, text.size() - size);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) why = std::strerror(errno);
+      if (n <= 0) break;
+      size += size_t(n);
+    }
+    text.resize(size);
+    if (why.empty() && size > kMaxFileBytes)
+      why = "larger than " + std::to_string(kMaxFileBytes >> 20) + " MB, the most an event script may be";
   }
-  if (failed) {
-    if (error) *error = path + ": cannot be read: " + std::strerror(errno);
+  if (file >= 0) ::close(file);
+  if (!why.empty()) {
+    if (error) *error = path + ": cannot be read: " + why;
     return std::nullopt;
   }
   return parse(text, path, error);

@@ -5,9 +5,8 @@
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
-#include <climits>
 #include <cstdlib>
 
 #include "ShowTestSupport.h"
@@ -235,6 +234,35 @@ TEST(EventScriptTest, BadLinesAreNamedByTheirNumber) {
   EXPECT_FALSE(SontoEventScript::readFile(sonto::test::temporaryFolder(), &error)) << "a folder is no script";
 }
 
+// Files that no operator writes but a script may be given: each is refused in a
+// message of one short line, without waiting on a FIFO or reading past the cap, or
+// read as meant.
+TEST(EventScriptTest, HostileScriptsAreRefusedInShortOrReadAsMeant) {
+  const std::string fifo = sonto::test::temporaryPath("script-fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const std::string atCap = std::string(SontoEventScript::kMaxFileBytes - 7, '#') + "\n1 duck";
+  const std::string accents = "ééééééééééééééééééé";  // 38 bytes
+  const struct {
+    std::string path, text, message;  // no message: read
+  } cases[] = {
+      {"past", "86400 duck\n1e15 panic", ":2: time '1e15' is past the longest render (86400 seconds)"},
+      {"bom", "\xEF\xBB\xBF" "0.5 duck\n", ""},
+      {"long", "1 " + std::string(1 << 20, 'x'), ":1: unknown action '" + std::string(40, 'x') + "…'"},
+      {"accents", "1 key a" + accents + accents + " down", ":1: 'a" + accents + "…' is not one key"},
+      {"cap", atCap, ""},
+      {"over", atCap + "\n", ": cannot be read: larger than 4 MB, the most an event script may be"},
+      {"/dev/zero", "", ": cannot be read: not a regular file"},
+      {fifo, "", ": cannot be read: not a regular file"},
+  };
+  for (const auto& c : cases) {
+    const std::string path = c.path[0] == '/' ? c.path : sonto::test::temporaryPath(c.path);
+    if (!c.text.empty()) writeBytes(path, c.text);
+    std::string error;
+    EXPECT_EQ(bool(SontoEventScript::readFile(path, &error)), c.message.empty()) << c.path;
+    EXPECT_EQ(error, c.message.empty() ? "" : path + c.message);
+  }
+}
+
 TEST(EventScriptTest, EventsComeInTimeOrderWithTheirArguments) {
   auto events = SontoEventScript::parse("2 key é up\n1 note 5 off 64 channel 16 # trailing\n1 volume 0.25\n"
                                         "0 hard-stop-all\n1 note 7 on",
@@ -359,6 +387,7 @@ TEST(RenderCommandTest, SavedShowRendersToAWavAndBadInputGetsItsStatus) {
       {"'" + show + "' -o x.wav --seconds -1", 2, "bad length '-1'"},
       {"'" + show + "' -o x.wav --loud", 2, "unknown option '--loud'"},
       {"'" + show + "' -o x.wav --events '" + folder + "/bad.txt'", 2, folder + "/bad.txt:2: unknown action 'jump'"},
+      {"'" + show + "' -o x.wav --events /dev/zero", 2, "/dev/zero: cannot be read: not a regular file"},
       {"'" + folder + "/Missing.sonto' -o '" + out + "'", 1, "Missing.sonto: cannot be opened: "},
       {"'" + show + "' -o '" + folder + "/no/such/folder.wav'", 1, "cannot be written"},
   };

@@ -6,10 +6,13 @@
 
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <string_view>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +24,7 @@
 #include "show/AudioCueSourceKyo.h"
 #include "show/SontoMIDIMessage.h"
 #include "show/SontoQtClock.h"
+#include "show/WorkspaceFile.h"
 #include "surface/SontoDocumentController.h"
 #include "surface/SontoTheme.h"
 #include "surface/WorkspaceController.h"
@@ -47,7 +51,59 @@ double physicalMemoryGigabytes() {
   return static_cast<double>(pages) * static_cast<double>(pageSize) / static_cast<double>(1ull << 30);
 }
 
+// Qt's own options, which QGuiApplication and QApplication take out of the
+// arguments, with one dash or two: those followed by a value, those with the value
+// after '=', and flags.
+constexpr std::string_view kQtOptionsWithValue[] = {
+    "platform",        "platformpluginpath", "platformtheme", "plugin",
+    "qwindowgeometry", "qwindowicon",        "qwindowtitle",  "session",
+    "display",         "geometry",           "style",         "stylesheet"};
+constexpr std::string_view kQtOptionsWithEquals[] = {"style", "stylesheet", "qmljsdebugger"};
+constexpr std::string_view kQtFlags[] = {"reverse", "widgetcount", "nograb", "dograb", "sync"};
+
+template <size_t N>
+bool isOneOf(std::string_view name, const std::string_view (&names)[N]) {
+  return std::find(std::begin(names), std::end(names), name) != std::end(names);
+}
+
 }  // namespace
+
+std::string sontoShowArgumentsProblem(int argc, char** argv) {
+  namespace fs = std::filesystem;
+  for (int i = 0; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg.size() > 1 && arg[0] == '-') {
+      const std::string_view name = std::string_view(arg).substr(arg.compare(0, 2, "--") == 0 ? 2 : 1);
+      const size_t equals = name.find('=');
+      if (equals != std::string_view::npos ? isOneOf(name.substr(0, equals), kQtOptionsWithEquals)
+                                           : isOneOf(name, kQtFlags))
+        continue;
+      if (equals == std::string_view::npos && isOneOf(name, kQtOptionsWithValue)) {
+        if (++i >= argc) return "option '" + arg + "' needs a value";
+        continue;
+      }
+      return "unknown option '" + arg + "'";
+    }
+    // A show is a package folder, which the reader takes whatever its name; a folder
+    // without its document is one only by the name that saves give it.
+    std::string path = arg;
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    const bool named = fs::path(path).extension() == std::string(".") + WorkspaceFile::kExtension;
+    std::error_code error;
+    const fs::file_status status = fs::status(path, error);
+    if (fs::is_directory(status)) {
+      if (named || fs::exists(fs::path(path) / WorkspaceFile::kDocumentName, error)) continue;
+      return "'" + arg + "' is a folder, not a show";
+    }
+    if (fs::exists(status))
+      return "'" + arg + "' is a file, not a show (a show is a folder NAME." + WorkspaceFile::kExtension + ")";
+    // Gone in a save cut off between its two renames: opening it puts it back.
+    if (named && fs::is_directory(WorkspaceFile::previousPackagePath(path), error)) continue;
+    if (arg.find_first_of("/.") != std::string::npos) return "no show at '" + arg + "': no such file or folder";
+    return "unknown command '" + arg + "'";
+  }
+  return {};
+}
 
 Sonto::Sonto(int& argc, char** argv) : QApplication(argc, argv) {
   setApplicationName(QStringLiteral("Sonto"));

@@ -7,6 +7,7 @@
 #include <QStringList>
 
 #include <memory>
+#include <string>
 
 #include "audio/KyoMIDIInput.h"
 
@@ -50,3 +51,7 @@ class Sonto : public QApplication {
 // The window: an untitled show, or the show files named on the command line.
 // Answers the exit status.
 int sontoRunApplication(int argc, char** argv);
+
+// What is wrong with the arguments of a launch of the window, found without a
+// display: empty when each is one of Qt's own options or a show to open.
+std::string sontoShowArgumentsProblem(int argc, char** argv);

@@ -8,8 +8,8 @@
 #endif
 
 namespace {
-void usage() {
-  std::fprintf(stderr,
+void usage(FILE* stream) {
+  std::fprintf(stream,
                "usage: sonto [WORKSPACE...]\n"
                "       sonto info FILE...\n"
                "       sonto devices\n"
@@ -27,19 +27,18 @@ int main(int argc, char** argv) {
   if (command == "devices") return sontoDevicesCommand(argc - 2, argv + 2);
   if (command == "render") return sontoRenderCommand(argc - 2, argv + 2);
   if (command == "-h" || command == "--help" || command == "help") {
-    usage();
+    usage(stdout);
     return 0;
   }
 #ifdef SONTO_HAS_SURFACE
-  // Anything else is a show to open, once Qt has taken its own options out.
-  return sontoRunApplication(argc, argv);
+  // Anything else is shows to open and Qt's own options, checked before Qt looks for
+  // a display: a mistyped command is told here, not by a window or a crash.
+  const std::string problem = sontoShowArgumentsProblem(argc - 1, argv + 1);
+  if (problem.empty()) return sontoRunApplication(argc, argv);
+  std::fprintf(stderr, "sonto: %s\n", problem.c_str());
 #else
-  if (argc < 2) {
-    usage();
-    return 2;
-  }
-  std::fprintf(stderr, "sonto: unknown command '%s'\n", argv[1]);
-  usage();
-  return 2;
+  if (argc >= 2) std::fprintf(stderr, "sonto: unknown command '%s'\n", argv[1]);
 #endif
+  usage(stderr);
+  return 2;
 }

@@ -208,16 +208,20 @@ void KyoPlainClock::runFor(double seconds, const std::function<bool()>& until) {
 
 struct KyoVirtualClock::State {
   std::mutex mutex;
-  std::condition_variable cv;
+  std::condition_variable cv;  // the main thread's, in settle: work queued, a worker asleep or done
   double now = 0;
   double startWall = 0;
   std::deque<std::function<void()>> queue;
   TimerMap timers;
   TimerId nextTimer = 1;
   std::thread::id mainThread = std::this_thread::get_id();
+  // Each with its own condition, so that waking one worker or telling the main thread
+  // that one went to sleep does not stir every other sleeper: thousands of fades
+  // started at one instant would otherwise cost a wake-up of each per step.
   struct Sleeper {
     double target;
-    bool woken;
+    bool woken = false;
+    std::condition_variable wake;
   };
   std::list<Sleeper> sleepers;
   int running = 0;  // workers awake: started and not yet asleep or ended
@@ -243,10 +247,10 @@ void KyoVirtualClock::sleepUntil(double monotonicTime) {
   std::unique_lock<std::mutex> lock(m_state->mutex);
   if (monotonicTime <= m_state->now) return;
   if (m_state->mainThread == std::this_thread::get_id()) return;  // the main thread never sleeps in virtual time
-  auto it = m_state->sleepers.insert(m_state->sleepers.end(), State::Sleeper{monotonicTime, false});
+  auto it = m_state->sleepers.emplace(m_state->sleepers.end(), monotonicTime);
   --m_state->running;
   m_state->cv.notify_all();
-  m_state->cv.wait(lock, [&] { return it->woken; });
+  it->wake.wait(lock, [&] { return it->woken; });
   // advance counted this worker as running again when it woke it.
   m_state->sleepers.erase(it);
 }
@@ -368,8 +372,8 @@ void KyoVirtualClock::advance(double seconds) {
           if (!s.woken && s.target <= m_state->now) {
             s.woken = true;
             ++m_state->running;
+            s.wake.notify_one();
           }
-        m_state->cv.notify_all();
       }
     }
     if (fire) fire();

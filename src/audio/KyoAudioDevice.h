@@ -258,6 +258,12 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
 
   KyoActionInfo* m_actionsToSync = nullptr;  // the batch being collected: m_engineMutex
   KyoActionInfo* m_actions = nullptr;        // handed to the render thread: m_renderMutex
+  // The last nodes of those two lists, so that a show that queues thousands of
+  // actions or batches in one cycle appends in constant time: the batch's empty last
+  // node (m_engineMutex), and the last node handed over, valid while m_actions is
+  // not null (m_renderMutex; the render thread never reads it).
+  KyoActionInfo* m_actionsToSyncTail = nullptr;
+  KyoActionInfo* m_actionsTail = nullptr;
   // Nodes that the render thread has run. It must not free, so it pushes them here and
   // the next main-thread call of the queue (or close) frees them.
   std::atomic<KyoActionInfo*> m_usedActions{nullptr};

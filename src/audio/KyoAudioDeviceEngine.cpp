@@ -351,7 +351,7 @@ void KyoAudioDevice::reclaimUsedActions() { freeActionList(m_usedActions.exchang
 void KyoAudioDevice::startSyncedActions() {
   std::lock_guard<std::mutex> lock(m_engineMutex);
   reclaimUsedActions();
-  if (!m_actionsToSync) m_actionsToSync = new KyoActionInfo{};
+  if (!m_actionsToSync) m_actionsToSync = m_actionsToSyncTail = new KyoActionInfo{};
 }
 
 bool KyoAudioDevice::_batchIsOpen() const {
@@ -364,12 +364,11 @@ void KyoAudioDevice::performAction(void* target, KyoActionMethod method, const c
   {
     std::lock_guard<std::mutex> lock(m_engineMutex);
     if (m_actionsToSync) {
-      KyoActionInfo* tail = m_actionsToSync;
-      while (tail->method) tail = tail->next;
+      KyoActionInfo* tail = m_actionsToSyncTail;
       tail->target = target;
       tail->selector = selector;
       tail->method = method;
-      tail->next = new KyoActionInfo{};
+      tail->next = m_actionsToSyncTail = new KyoActionInfo{};
       return;
     }
   }
@@ -384,10 +383,9 @@ void KyoAudioDevice::endSyncedActions() {
   if (!m_actions) {
     m_actions = m_actionsToSync;
   } else {
-    KyoActionInfo* last = m_actions;
-    while (last->next) last = last->next;
-    last->next = m_actionsToSync;
+    m_actionsTail->next = m_actionsToSync;
   }
+  m_actionsTail = m_actionsToSyncTail;
   m_actionsToSync = nullptr;
 }
 

@@ -154,14 +154,17 @@ TEST_P(OfflineRenderTest, ShowUnderAScriptIsSampleExactAndEndsWithItsLastCue) {
   EXPECT_FALSE(solo->playing());
 }
 
-// The transport of the whole show and the master level, on one long cue.
+// The transport of the whole show and the master level, on one long cue; the pause
+// and the resume each given 150,000 times at their instant, which must change nothing
+// and take time linear in the events (a schedule quadratic in them takes minutes).
 TEST_P(OfflineRenderTest, TransportAndMasterEventsLandOnTheirCycles) {
   addCue("long", 2.0, 0)->setHotkey("1");
+  std::string repeated;
+  for (const char* line : {"0.1 pause-all\n", "0.2 resume-all\n"})
+    for (int i = 0; i < 150000; ++i) repeated += line;
   SontoOfflineRender::Result result;
-  auto out = renderer->renderToMemory(*workspace, script("0 key 1 down\n"
-                                                         "0.1 pause-all\n0.2 resume-all\n"
-                                                         "0.3 volume 0.5\n0.4 stop-all\n"),
-                                      0.45, &result);
+  auto out = renderer->renderToMemory(
+      *workspace, script("0 key 1 down\n" + repeated + "0.3 volume 0.5\n0.4 stop-all\n"), 0.45, &result);
   ASSERT_EQ(result.frames, framesOf(0.45)) << "a given length is exact to the frame";
   const int64_t paused = at(0.2) - at(0.1);
   auto want = expectedOutput(size_t(framesOf(0.45)), {{0, at(0.1)},

@@ -10,7 +10,7 @@
 #include "support/TestFiles.h"
 
 TEST(CommandLineTest, WhatIsNoShowIsToldWithTheUsageAndNoDisplay) {
-  const std::string binary = sonto::test::builtSontoBinary();
+  const std::string binary = sonto::test::sontoBinary();
   if (binary.empty()) GTEST_SKIP() << "the sonto binary is not built beside the tests";
   const std::string f = sonto::test::temporaryPath("command-line");
   for (const char* made : {"/Show.sonto", "/Named/document", "/Plain", "/.Cut.sonto.previous"})

@@ -13,10 +13,12 @@ void usage(FILE* stream) {
                "usage: sonto [WORKSPACE...]\n"
                "       sonto info FILE...\n"
                "       sonto devices\n"
+               "       sonto check SHOW...\n"
                "       sonto render WORKSPACE -o OUT.wav [--rate HZ] [--buffer FRAMES] [--seconds S] [--events FILE]\n"
                "  (no command)   opens the window: an untitled show, or the shows given\n"
                "  info FILE...   what Sonto's file reader makes of each audio file\n"
                "  devices        the output devices, the default marked\n"
+               "  check          what was mended in each show's file, and its cues that will not play\n"
                "  render         the show rendered offline to a WAV, with a script of keys and notes\n");
 }
 }  // namespace
@@ -26,6 +28,7 @@ int main(int argc, char** argv) {
   if (command == "info") return sontoInfoCommand(argc - 2, argv + 2);
   if (command == "devices") return sontoDevicesCommand(argc - 2, argv + 2);
   if (command == "render") return sontoRenderCommand(argc - 2, argv + 2);
+  if (command == "check") return sontoCheckCommand(argc - 2, argv + 2);
   if (command == "-h" || command == "--help" || command == "help") {
     usage(stdout);
     return 0;

@@ -367,6 +367,12 @@ TEST(RenderCommandTest, SavedShowRendersToAWavAndBadInputGetsItsStatus) {
   EXPECT_NE(readBytes(err).find("The master level was 1000, outside 0 to 1; it plays at 1"), std::string::npos)
       << readBytes(err);
   EXPECT_EQ(differences(readWav(out, info), samples), 0u);
+  // And the check says so, where the untouched show has nothing to say.
+  const std::string checked = folder + "/check.txt";
+  EXPECT_EQ(sonto::test::run("'" + binary + "' check '" + show + "' >'" + checked + "'"), 0) << readBytes(checked);
+  EXPECT_EQ(sonto::test::run("'" + binary + "' check '" + loud + "' >'" + checked + "'"), 1);
+  EXPECT_EQ(readBytes(checked), loud + ": The volume of the cue \"command\" was 3e+38, outside 0 to 1; it plays at 1\n" +
+                                    loud + ": The master level was 1000, outside 0 to 1; it plays at 1\n");
 
   // Another process, another length: the same samples.
   ASSERT_EQ(run("'" + show + "' -o '" + out + "' --seconds 0.25 --rate 48000 --buffer 256 --events '" + folder +

@@ -1,6 +1,7 @@
 #include "surface/CueInspectorController.h"
 
 #include <QButtonGroup>
+#include <QComboBox>
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QKeyEvent>
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 
+#include "audio/KyoAudioDevice.h"
 #include "audio/KyoAudioUtilities.h"
 #include "effects/KyoEffect.h"
 #include "foundation/KyoClock.h"
@@ -249,7 +251,14 @@ void CueInspectorController::buildView() {
   buttons->addWidget(m_effectsButton);
   buttons->addStretch(1);
   grid->addLayout(buttons, 4, 1, 1, 3);
-  grid->setRowStretch(5, 1);
+  m_output = new QComboBox(left);
+  m_output->setObjectName(QStringLiteral("output"));
+  m_output->setFocusPolicy(Qt::TabFocus);
+  m_output->setToolTip(QStringLiteral("The device and channel pair this cue plays on"));
+  connect(m_output, &QComboBox::activated, this, &CueInspectorController::changeOutputDevice);
+  grid->addWidget(fieldLabel(QStringLiteral("Output"), left), 5, 0);
+  grid->addWidget(m_output, 5, 1, 1, 3);
+  grid->setRowStretch(6, 1);
   row->addWidget(left);
 
   // Middle: the waveform with the in and out times.
@@ -455,6 +464,7 @@ void CueInspectorController::refreshContents() {
   refreshVolumeLabel();
   refreshTimes();
   refreshEffects();
+  refreshOutput();
   m_previewToggle->setEnabled(true);
   updatePreviewImage();
 }
@@ -655,4 +665,42 @@ bool CueInspectorController::doCommandBySelector(QKeyEvent* event) {
     case Qt::Key_Right: window->moveRight(); return true;
     default: return false;
   }
+}
+
+// -- Output
+
+void CueInspectorController::setOutputs(const QStringList& titles, std::vector<OutputChoice> choices) {
+  m_outputChoices = std::move(choices);
+  const QSignalBlocker blocker(m_output);
+  m_output->clear();
+  m_output->addItems(titles);
+  refreshOutput();
+}
+
+void CueInspectorController::refreshOutput() {
+  if (!m_cue) return;
+  const auto& device = m_cue->audioDevice();
+  const QSignalBlocker blocker(m_output);
+  m_output->setCurrentIndex(device ? m_output->findText(QStringLiteral("%1 - channels %2/%3")
+                                                            .arg(QString::fromStdString(device->name()))
+                                                            .arg(m_cue->deviceChannel())
+                                                            .arg(m_cue->deviceChannel() + 1))
+                                   : -1);
+}
+
+// Another pair of the cue's device re-routes it; another device takes the cue over,
+// opened and set to the cue's level.
+void CueInspectorController::changeOutputDevice(int index) {
+  if (!m_cue || index < 0 || static_cast<size_t>(index) >= m_outputChoices.size()) return;
+  const OutputChoice choice = m_outputChoices[static_cast<size_t>(index)];
+  const auto current = m_cue->audioDevice();
+  if (current && current->deviceID() == choice.device->deviceID()) {
+    if (choice.channel != m_cue->deviceChannel()) m_cue->setDeviceChannel(choice.channel);
+    return;
+  }
+  if (current) current->close();
+  choice.device->open();
+  choice.device->setMasterVolume(m_cue->volume());
+  m_cue->setAudioDevice(choice.device);
+  m_cue->setDeviceChannel(choice.channel);
 }

@@ -10,6 +10,7 @@
 #include <QAbstractButton>
 #include <QObject>
 #include <QPointer>
+#include <QStringList>
 #include <QWidget>
 
 #include <cmath>
@@ -22,6 +23,8 @@
 #include "foundation/SontoColor.h"
 
 class AudioCue;
+class KyoAudioDevice;
+class QComboBox;
 class AudioWaveformView;
 class KyoEffect;
 class QButtonGroup;
@@ -78,6 +81,14 @@ class CueInspectorController : public QObject {
   void setCue(std::shared_ptr<AudioCue> cue);
   WorkspaceController* workspaceController() const { return m_workspaceController; }
 
+  // The rows of the window's output popup, given again whenever it is rebuilt.
+  struct OutputChoice {
+    std::shared_ptr<KyoAudioDevice> device;
+    long channel = 1;
+  };
+  void setOutputs(const QStringList& titles, std::vector<OutputChoice> choices);
+  void changeOutputDevice(int index);
+
   void refreshContents();
   void updateColor();
   void updatePreviewImage();
@@ -131,6 +142,7 @@ class CueInspectorController : public QObject {
   void observeCue();
   void refreshEffects();
   void refreshTimes();
+  void refreshOutput();
   void refreshVolumeLabel();
   SontoUndoManager* undoManager() const;
   // The field editors' commands that belong to the window: Escape is the panic,
@@ -180,6 +192,8 @@ class CueInspectorController : public QObject {
   QLineEdit* m_startTimeField = nullptr;
   QLineEdit* m_endTimeField = nullptr;
   QToolButton* m_previewToggle = nullptr;
+  QComboBox* m_output = nullptr;
+  std::vector<OutputChoice> m_outputChoices;
   // The volume before a slider drag; -infinity while no drag is open.
   float m_volumeCopy = -std::numeric_limits<float>::infinity();
   // Counts scheduled ends of a slider change, so that only the last one acts.

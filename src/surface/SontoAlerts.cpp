@@ -1,8 +1,11 @@
 #include "surface/SontoAlerts.h"
 
+#include "foundation/KyoLog.h"
+
 #include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QGuiApplication>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -41,6 +44,12 @@ void setRevertQuestionHandler(std::function<bool(const QString&)> handler) { g_r
 
 void showAlert(QWidget* parent, const QString& message, const QString& informativeText) {
   if (g_alertHandler) return g_alertHandler(message, informativeText);
+  // Nobody can press OK on a screen that is not there (a headless run): the alert
+  // goes to the log instead of holding the main loop for ever.
+  if (QGuiApplication::platformName() == QLatin1String("offscreen")) {
+    KyoLog("%s: %s", message.toUtf8().constData(), informativeText.toUtf8().constData());
+    return;
+  }
   QMessageBox box(parent);
   box.setIcon(QMessageBox::Warning);
   box.setText(message);

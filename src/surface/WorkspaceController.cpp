@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QButtonGroup>
+#include <QComboBox>
 #include <QClipboard>
 #include <QCloseEvent>
 #include <QFileInfo>
@@ -41,6 +42,7 @@
 #include "surface/PrefsController.h"
 #include "surface/SettingsController.h"
 #include "surface/SontoAlerts.h"
+#include "surface/SontoAudioLevelView.h"
 #include "surface/SontoDocumentController.h"
 #include "surface/SontoKeyEvents.h"
 #include "surface/SontoTheme.h"
@@ -100,6 +102,7 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   updateVolumeSlider();
   updatePauseButton();
   updateDuckingButton();
+  startOutputs();
   connect(m_workspace, &Workspace::pausedChanged, this, &WorkspaceController::updatePauseButton);
   connect(m_workspace, &Workspace::duckedChanged, this, &WorkspaceController::updateDuckingButton);
   connect(m_workspace, &Workspace::masterVolumeChanged, this, &WorkspaceController::updateVolumeSlider);
@@ -147,10 +150,9 @@ QWidget* WorkspaceController::buildBottomBar() {
   layout->setContentsMargins(10, 8, 10, 8);
   layout->setSpacing(10);
 
-  // The level meter's place, left of the buttons.
-  m_audioLevel = new QWidget(bar);
-  m_audioLevel->setObjectName(QStringLiteral("audioLevel"));
-  m_audioLevel->setFixedWidth(120);
+  // The level meter, left of the buttons.
+  m_audioLevel = new SontoAudioLevelView(bar);
+  m_audioLevel->setFixedWidth(150);
   layout->addWidget(m_audioLevel);
 
   m_buttonsContainer = new QWidget(bar);
@@ -201,10 +203,14 @@ QWidget* WorkspaceController::buildBottomBar() {
   connect(m_volumeSlider, &QSlider::valueChanged, this,
           [this](int value) { changeVolume(static_cast<float>(value) / kVolumeSteps); });
   volume->addWidget(m_volumeSlider);
-  // The output device menu's place.
-  m_outputs = new QWidget(m_volumeContainer);
+  m_outputs = new QComboBox(m_volumeContainer);
   m_outputs->setObjectName(QStringLiteral("outputs"));
-  m_outputs->setFixedWidth(160);
+  m_outputs->setMinimumWidth(200);
+  m_outputs->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+  m_outputs->setFocusPolicy(Qt::TabFocus);
+  m_outputs->setToolTip(QStringLiteral("The output of this show: a device and a pair of its channels"));
+  // Only a choice of the operator's moves the show, never a rebuild of the list.
+  connect(m_outputs, &QComboBox::activated, this, &WorkspaceController::changeOutputDevice);
   volume->addWidget(m_outputs);
   layout->addWidget(m_volumeContainer);
   layout->addStretch(1);
@@ -913,6 +919,7 @@ void WorkspaceController::invalidate() {
     KyoCurrentClock().stopTimer(m_duckingTimer);
     m_duckingTimer = 0;
   }
+  stopOutputs();
   m_closingAfterSave = false;
   if (m_logController) m_logController->close();
   if (m_settingsController) m_settingsController->close();

@@ -15,9 +15,13 @@
 
 #include "foundation/KyoClock.h"
 #include "foundation/KyoHotKey.h"
+#include "foundation/KyoNotificationCenter.h"
 #include "show/SontoMIDIMessage.h"
 
 class Cue;
+class KyoAudioDevice;
+class QComboBox;
+class SontoAudioLevelView;
 class GridController;
 class InspectorController;
 class QAction;
@@ -57,6 +61,25 @@ class WorkspaceController : public QMainWindow {
   // The inspector's pane under the grid: edit mode only. Its height is kept across
   // hide and show, and both panes keep at least kMinimumPaneHeight.
   InspectorController* inspectorController() const { return m_inspectorController; }
+
+  // --- Outputs: the device popup and the meter feed ---
+  // One row of the output popup: a pair of adjacent channels of a device.
+  struct OutputRow {
+    std::shared_ptr<KyoAudioDevice> device;
+    long channel = 1;  // the pair's first channel, from 1
+  };
+  static QString outputTitle(const KyoAudioDevice& device, long channel);
+  const std::vector<OutputRow>& outputDevices() const { return m_outputDevices; }
+  // Rebuilt from nothing: every device of two or more outputs, a row per pair, the
+  // device objects of rows still there kept; a vanished device of the show gets a
+  // row of its own and the alert.
+  void updateOutputDevices();
+  // The row chosen in the popup: another pair moves the routing at once, another
+  // device moves the show and its cues there. The "Device missing" row does nothing.
+  void changeOutputDevice(int index);
+  // The meter timer's work: the levels of the show's channel pair to the meter.
+  void updateAudioLevels();
+  SontoAudioLevelView* audioLevel() const { return m_audioLevel; }
   bool isInspectorVisible() const { return m_inspectorVisible; }
   int heightOfInspector() const { return m_heightOfInspector; }
   QSplitter* splitView() const { return m_splitView; }
@@ -162,6 +185,8 @@ class WorkspaceController : public QMainWindow {
   void buildMenus();
   QWidget* buildBottomBar();
   void invalidate();
+  void startOutputs();
+  void stopOutputs();
   void updateDuringDuck();
   void updateVolumeSlider();
   void rebuildRecentMenu();
@@ -178,9 +203,11 @@ class WorkspaceController : public QMainWindow {
   QPushButton* m_duckingButton = nullptr;
   QWidget* m_volumeContainer = nullptr;
   QWidget* m_buttonsContainer = nullptr;
-  // Places kept in the layout for the output menu, the meter and the inspector.
-  QWidget* m_outputs = nullptr;
-  QWidget* m_audioLevel = nullptr;
+  QComboBox* m_outputs = nullptr;
+  SontoAudioLevelView* m_audioLevel = nullptr;
+  std::vector<OutputRow> m_outputDevices;
+  KyoClock::TimerId m_meterTimer = 0;
+  KyoScopedObserver m_deviceListObserver;
   QSlider* m_volumeSlider = nullptr;
   std::vector<std::unique_ptr<GridController>> m_gridControllers;
   KyoClock::TimerId m_duckingTimer = 0;

@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
+
+#include "foundation/KyoLog.h"
 
 namespace {
 constexpr uint32_t kSampleBytes = sizeof(float);
@@ -447,4 +450,37 @@ void KyoMatrixMixer::updateMeters(uint32_t frames, const AudioBufferList* out) {
     }
     m_meterPeak[o].store(peak, std::memory_order_relaxed);
   }
+}
+
+// The whole matrix on standard output, for a developer.
+void KyoMatrixMixer::printVolumes() const {
+  uint32_t dims[2] = {0, 0};
+  uint32_t size = sizeof dims;
+  int32_t status =
+      getProperty(kKyoAudioUnitProperty_MatrixDimensions, kKyoAudioUnitScope_Global, 0, dims, &size);
+  if (status) {
+    KYO_LOG_STATUS(status);
+    return;
+  }
+  const uint32_t inputs = dims[0], outputs = dims[1];
+  std::vector<float> levels((size_t(inputs) + 1) * (size_t(outputs) + 1));
+  size = uint32_t(levels.size() * sizeof(float));
+  status = getProperty(kKyoAudioUnitProperty_MatrixLevels, kKyoAudioUnitScope_Global, 0, levels.data(), &size);
+  if (status) {
+    KYO_LOG_STATUS(status);
+    return;
+  }
+  const size_t row = size_t(outputs) + 1;
+  std::printf("\n");
+  std::printf("\tInput Channels = %u, Output Channels = %u\n", inputs, outputs);
+  std::printf("\tGlobal Volume: %.3f\n", levels.back());
+  for (size_t i = 0; i < inputs; ++i) {
+    std::printf("\t%.3f   ", levels[i * row + outputs]);
+    for (size_t o = 0; o < outputs; ++o) std::printf("(%.3f) ", levels[i * row + o]);
+    std::printf("\n");
+  }
+  std::printf("\t        ");
+  for (size_t o = 0; o < outputs; ++o) std::printf(" %.3f  ", levels[size_t(inputs) * row + o]);
+  std::printf("\n");
+  std::fflush(stdout);
 }

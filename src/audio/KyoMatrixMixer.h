@@ -73,6 +73,10 @@ class KyoMatrixMixer final : public KyoAudioUnit {
 
   int32_t reset(KyoAudioUnitScope scope, uint32_t element) override;
 
+  // Dimensions, master, then each input row (its volume and crosspoints) and the
+  // output volumes, on standard output: for a developer, not for a show.
+  void printVolumes() const;
+
   int32_t render(uint32_t* ioActionFlags, const KyoAudioTimeStamp* timeStamp, uint32_t outputElement,
                  uint32_t frames, AudioBufferList* ioData) override;
   void registerRenderInfo(KyoRenderInfo* info) override { KyoRegisterRenderInfo(this, info); }

@@ -5,6 +5,7 @@
 #include "audio/KyoAudioComponentDescription.h"
 #include "audio/KyoAudioFile.h"
 #include "audio/KyoMatrixMixer.h"
+#include "effects/KyoAudioSend.h"
 #include "effects/KyoEffect.h"
 #include "effects/KyoEffectBus.h"
 #include "foundation/KyoLog.h"
@@ -26,10 +27,19 @@ std::shared_ptr<KyoAudioSource> KyoAudioSource::create() {
   }
   source->m_mixer->registerRenderInfo(&source->m_mixerRenderInfo);
   source->_registerFinalRenderInfo(&source->m_finalRenderInfo);
+  // The send's format may have changed: rebuild if it is this source's send.
+  std::weak_ptr<KyoAudioSource> weak = source;
+  source->m_sendObserver = KyoScopedObserver(
+      KyoNotificationCenter::defaultCenter(), kKyoAudioSendDidUpdateStreamNotification,
+      [weak](const KyoNotification& notification) {
+        std::shared_ptr<KyoAudioSource> self = weak.lock();
+        if (self && self->m_send && notification.sender == self->m_send.get()) self->_updateStream();
+      });
   return source;
 }
 
 KyoAudioSource::~KyoAudioSource() {
+  m_sendObserver.reset();
   m_validStream.store(false);
   stopCleanupTimer();
   if (m_device) {
@@ -76,6 +86,20 @@ void KyoAudioSource::setDevice(std::shared_ptr<KyoAudioDevice> device) {
   _updateStream();
 }
 
+std::shared_ptr<KyoAudioSending> KyoAudioSource::send() const { return m_send; }
+
+void KyoAudioSource::setSend(std::shared_ptr<KyoAudioSend> send) {
+  if (send == m_send) return;
+  if (m_cleanupTimer) {
+    stop();
+    stopCleanupTimer();
+    // Still with the old send, so that the device takes the source off that one.
+    if (m_device) m_device->_detachAudio(this);
+  }
+  m_send = std::move(send);
+  _updateStream();
+}
+
 std::vector<std::shared_ptr<KyoEffect>> KyoAudioSource::effects() const { return m_effectBus->effects(); }
 
 void KyoAudioSource::setEffects(const std::vector<std::shared_ptr<KyoEffect>>& effects) {
@@ -103,8 +127,9 @@ void KyoAudioSource::_updateStream() {
   std::optional<KyoAudioStreamDescription> fileFormat;
   if (m_alias) fileFormat = KyoAudioFile::fileFormatForAlias(m_alias);
   std::optional<KyoAudioStreamDescription> inFeed = m_device ? m_device->_inFeedFormat() : std::nullopt;
-  // A send would give its input format here; without one the device's bus format.
-  std::optional<KyoAudioStreamDescription> target = m_device ? m_device->_outFeedFormat() : std::nullopt;
+  // What the bus that this source feeds takes: the send's or the device's.
+  std::optional<KyoAudioStreamDescription> target =
+      m_send ? m_send->inputFormat() : m_device ? m_device->_outFeedFormat() : std::nullopt;
   // A cue whose file is missing stays silent rather than playing the live input.
   const std::optional<KyoAudioStreamDescription>& feed = m_alias ? fileFormat : inFeed;
   const bool canBuild = m_device && feed && target && feed->channels() > 0;
@@ -411,12 +436,14 @@ void KyoAudioSource::setVolume(float volume, uint32_t row, uint32_t column) {
   }
 }
 
+// The column counts from 0 among the aux channels, which lie behind the main
+// channels of the matrix.
 void KyoAudioSource::setAuxVolume(float volume, uint32_t row, uint32_t column) {
-  // With a send, the aux channels lie behind the 48 main channels of the matrix.
-  (void)volume;
-  (void)row;
-  (void)column;
-  KyoLog("Error: setAuxVolume: KyoAudioSource has no send.");
+  if (!m_send) {
+    KyoLog("Error: setAuxVolume: KyoAudioSource has no send.");
+    return;
+  }
+  setVolume(volume, row, column + m_send->splitMixerInChannels() + 1 - m_send->auxChannels());
 }
 
 void KyoAudioSource::setSilentVolumes() {
@@ -494,13 +521,21 @@ float KyoAudioSource::outPostPeakHoldLevelAtChannel(uint32_t channel) const {
   return mixerValue(KyoMatrixMixer::kParameterPostPeakHoldLevel, kKyoAudioUnitScope_Output, channel);
 }
 
-float KyoAudioSource::outPostAveragePowerAtAuxChannel(uint32_t) const { return 0.0f; }
-float KyoAudioSource::outPostPeakHoldLevelAtAuxChannel(uint32_t) const { return 0.0f; }
+float KyoAudioSource::outPostAveragePowerAtAuxChannel(uint32_t channel) const {
+  if (!m_send) return 0.0f;
+  return outPostAveragePowerAtChannel(channel + m_send->splitMixerInChannels() - m_send->auxChannels());
+}
+
+float KyoAudioSource::outPostPeakHoldLevelAtAuxChannel(uint32_t channel) const {
+  if (!m_send) return 0.0f;
+  return outPostPeakHoldLevelAtChannel(channel + m_send->splitMixerInChannels() - m_send->auxChannels());
+}
 
 std::string KyoAudioSource::description() const {
   if (!m_alias && !m_device) return "[empty audio source]";
   const std::string what = m_alias ? m_alias->description() : m_device->description();
   const std::string where = m_device ? m_device->description() : std::string("(null)");
+  if (m_send) return "[" + what + " played to " + where + " through " + m_send->description() + "]";
   return "[" + what + " played to " + where + "]";
 }
 

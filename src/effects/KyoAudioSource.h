@@ -2,10 +2,11 @@
 // One thing that can play: an audio file through a slice player, or, with no file,
 // the live input of the device. It owns a small render stream (its effect chain, then
 // a matrix mixer at the end) that stands ready between plays, and it is attached to a
-// bus of the device only while it sounds.
+// bus of the device, or of its send, only while it sounds.
 //
-// Threads. The main thread sets the file, device and effects (each a rebuild of the
-// stream), plays and stops, and runs the clean-up timer. The device's render thread
+// Threads. The main thread sets the file, device, send and effects (each a rebuild of
+// the stream), plays and stops, and runs the clean-up timer. A send's rebuild, on the
+// main thread, rebuilds the sources that play through it. The device's render thread
 // calls render() and _finalRender() and runs the queued actions. Volume writes and
 // fades may come from any thread.
 //
@@ -13,9 +14,9 @@
 // destructor (main thread), which clear m_validStream before they take it, so that a
 // render that comes later goes to silence instead of waiting. Nothing slow happens
 // under it: the new slice player is made before and the old one killed after. It
-// comes after the device's render mutex. m_levelsMutex: volume writers, meter readers
-// and the rebuild (inside m_renderMutex), so that nobody writes to a mixer unit that
-// a rebuild is replacing; the render thread never takes it.
+// comes after the render mutex of the device or send that pulls it. m_levelsMutex:
+// volume writers, meter readers and the rebuild (inside m_renderMutex), so that nobody
+// writes to a mixer unit that a rebuild is replacing; the render thread never takes it.
 
 #include <atomic>
 #include <cstdint>
@@ -34,9 +35,11 @@
 #include "audio/KyoStream.h"
 #include "foundation/KyoAlias.h"
 #include "foundation/KyoClock.h"
+#include "foundation/KyoNotificationCenter.h"
 
 class KyoEffect;
 class KyoEffectBus;
+class KyoAudioSend;
 class KyoAudioSource;
 
 // Told on the main thread when a source has finished, its effects' tail included.
@@ -70,8 +73,11 @@ class KyoAudioSource final : public KyoAudioAttachable, public std::enable_share
   KyoAudioDevice* device() const override { return m_device.get(); }
   std::shared_ptr<KyoAudioDevice> sharedDevice() const { return m_device; }
   void setDevice(std::shared_ptr<KyoAudioDevice> device);
-  // Sends are not there yet: a source always plays straight to its device's bus.
-  std::shared_ptr<KyoAudioSending> send() const override { return nullptr; }
+  // With a send, the source feeds one of the send's busses instead of the device's,
+  // in the send's format: 48 main channels and the aux channels behind them.
+  std::shared_ptr<KyoAudioSending> send() const override;
+  std::shared_ptr<KyoAudioSend> sharedSend() const { return m_send; }
+  void setSend(std::shared_ptr<KyoAudioSend> send);
   std::vector<std::shared_ptr<KyoEffect>> effects() const;
   void setEffects(const std::vector<std::shared_ptr<KyoEffect>>& effects);  // always rebuilds
   void addEffect(const std::shared_ptr<KyoEffect>& effect);
@@ -168,6 +174,8 @@ class KyoAudioSource final : public KyoAudioAttachable, public std::enable_share
   std::shared_ptr<KyoAlias> m_alias;
   uint32_t m_fileChannels = 0;
   std::shared_ptr<KyoAudioDevice> m_device;
+  std::shared_ptr<KyoAudioSend> m_send;
+  KyoScopedObserver m_sendObserver;
   std::unique_ptr<KyoStream> m_stream;
   std::optional<KyoAudioStreamDescription> m_streamFormat;
   std::shared_ptr<KyoEffect> m_mixer;

@@ -25,6 +25,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "audio/KyoAudioBusses.h"
 #include "audio/KyoAudioReading.h"
 #include "audio/KyoAudioRendering.h"
 #include "audio/KyoAudioStreamDescription.h"
@@ -251,10 +252,7 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
   uint32_t m_maximumFrames = 0;
   KyoRenderInfo m_notifyInfo, m_outRenderInfo, m_inRenderInfo;
   AudioBufferList* m_bufferList = nullptr;  // last input block; m_renderMutex
-  std::vector<uint32_t> m_freeBusses;       // next to be used at the back
-  std::vector<std::shared_ptr<KyoAudioAttachable>> m_attachedAudio;
-  std::unordered_map<const KyoAudioAttachable*, uint32_t> m_audioToUsedBus;
-  std::unique_ptr<KyoRenderInfoList> m_renderMap;  // entries: m_renderMutex
+  std::unique_ptr<KyoAudioBusses> m_busses;  // while open; the map's entries: m_renderMutex
 
   KyoActionInfo* m_actionsToSync = nullptr;  // the batch being collected: m_engineMutex
   KyoActionInfo* m_actions = nullptr;        // handed to the render thread: m_renderMutex

@@ -118,17 +118,8 @@ bool KyoAudioDevice::open() {
     if (!m_bufferList) return fail(kKyoHALUnsupportedError, __LINE__);
   }
 
-  m_freeBusses.clear();
-  m_freeBusses.reserve(kKyoBusCount);
-  for (uint32_t bus = kKyoBusCount; bus-- > 0;) m_freeBusses.push_back(bus);  // bus 0 at the back: next
-  m_attachedAudio.clear();
-  m_attachedAudio.reserve(kKyoBusCount);
-  m_audioToUsedBus.clear();
-  m_audioToUsedBus.reserve(kKyoBusCount);
+  m_busses = std::make_unique<KyoAudioBusses>();
   for (uint32_t bus = 0; bus < kKyoBusCount; ++bus) mixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 0.0f);
-
-  m_renderMap = std::make_unique<KyoRenderInfoList>();
-  m_renderMap->count = kKyoBusCount;
 
   {
     std::lock_guard<std::mutex> mixerLock(m_mixerMutex);
@@ -203,10 +194,8 @@ bool KyoAudioDevice::closeLocked(std::vector<std::shared_ptr<KyoAudioAttachable>
     m_inputDesc.reset();
     KyoAudioBufferListFree(m_bufferList);
     m_bufferList = nullptr;
-    m_freeBusses.clear();
-    released.swap(m_attachedAudio);
-    m_audioToUsedBus.clear();
-    m_renderMap.reset();
+    if (m_busses) released = m_busses->releaseAll();
+    m_busses.reset();
     pending = m_actions;
     m_actions = nullptr;
     m_actionsToSync = nullptr;
@@ -273,20 +262,16 @@ bool KyoAudioDevice::_attachAudio(const std::shared_ptr<KyoAudioAttachable>& aud
     return false;
   }
   KYO_LOG_AT(3, "%s attaching %s", description().c_str(), thing->description().c_str());
-  if (m_audioToUsedBus.count(thing.get())) return true;
-  if (m_freeBusses.empty()) {
+  if (m_busses->busOf(thing.get())) return true;
+  const std::optional<uint32_t> bus = m_busses->take(thing);
+  if (!bus) {
     KyoLog("Error: No busses left for device %s; can't attach %s", description().c_str(),
            thing->description().c_str());
     return false;
   }
-  const uint32_t bus = m_freeBusses.back();
-  m_attachedAudio.push_back(thing);
-  m_audioToUsedBus[thing.get()] = bus;
-  m_freeBusses.pop_back();
-
   KyoMutexLocker render(m_renderMutex);
-  thing->registerRenderInfo(&m_renderMap->infos[bus]);
-  m_renderMixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 1.0f);
+  thing->registerRenderInfo(&m_busses->entry(*bus));
+  m_renderMixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, *bus, 1.0f);
   return true;
 }
 
@@ -305,35 +290,22 @@ void KyoAudioDevice::_detachAudio(KyoAudioAttachable* audio) {
       thing = send.get();
     }
     KYO_LOG_AT(3, "%s detaching %s", description().c_str(), thing->description().c_str());
-    auto it = m_audioToUsedBus.find(thing);
-    if (it == m_audioToUsedBus.end()) return;
-    const uint32_t bus = it->second;
-    {
-      KyoMutexLocker render(m_renderMutex);
-      m_renderMixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 0.0f);
-      m_renderMap->infos[bus] = KyoRenderInfo{};
-    }
-    m_freeBusses.push_back(bus);  // a freed bus is the next to be used
-    m_audioToUsedBus.erase(it);
-    auto found = std::find_if(m_attachedAudio.begin(), m_attachedAudio.end(),
-                              [thing](const auto& a) { return a.get() == thing; });
-    if (found != m_attachedAudio.end()) {
-      released = std::move(*found);
-      m_attachedAudio.erase(found);
-    }
+    const std::optional<uint32_t> bus = m_busses->give(thing, released);
+    if (!bus) return;
+    KyoMutexLocker render(m_renderMutex);
+    m_renderMixer->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, *bus, 0.0f);
+    m_busses->entry(*bus) = KyoRenderInfo{};
   }
 }
 
 std::optional<uint32_t> KyoAudioDevice::_busOfAudio(const KyoAudioAttachable* audio) const {
   std::lock_guard<std::mutex> lock(m_engineMutex);
-  auto it = m_audioToUsedBus.find(audio);
-  if (it == m_audioToUsedBus.end()) return std::nullopt;
-  return it->second;
+  return m_busses ? m_busses->busOf(audio) : std::nullopt;
 }
 
 size_t KyoAudioDevice::_freeBusCount() const {
   std::lock_guard<std::mutex> lock(m_engineMutex);
-  return m_freeBusses.size();
+  return m_busses ? m_busses->freeCount() : 0;
 }
 
 // --- Action queue ---
@@ -469,7 +441,7 @@ void KyoAudioDevice::startNonFiniteReports() {
 int32_t KyoAudioDevice::outRenderCallback(uint32_t* ioActionFlags, const KyoAudioTimeStamp* timeStamp, uint32_t busNumber,
                                           uint32_t frames, AudioBufferList* ioData) {
   KyoMutexLocker render(m_renderMutex);
-  const KyoRenderInfo& entry = m_renderMap->infos[busNumber];
+  const KyoRenderInfo& entry = m_busses->entry(busNumber);
   if (!entry.target) {
     // A bus emptied between the mixer's look at its enable and this call.
     *ioActionFlags |= kKyoRenderAction_OutputIsSilence;

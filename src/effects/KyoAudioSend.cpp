@@ -23,12 +23,6 @@ std::shared_ptr<KyoAudioSend> KyoAudioSend::create() {
   }
   send->m_mergeMixer->registerRenderInfo(&send->m_mergeMixerRenderInfo);
   send->_registerFinalRenderInfo(&send->m_finalRenderInfo);
-  send->m_freeBusses.reserve(kKyoBusCount);
-  for (uint32_t bus = kKyoBusCount; bus-- > 0;) send->m_freeBusses.push_back(bus);  // bus 0 at the back: next
-  send->m_attachedAudio.reserve(kKyoBusCount);
-  send->m_audioToUsedBus.reserve(kKyoBusCount);
-  send->m_renderMap = std::make_unique<KyoRenderInfoList>();
-  send->m_renderMap->count = kKyoBusCount;
   return send;
 }
 
@@ -43,8 +37,7 @@ KyoAudioSend::~KyoAudioSend() {
       tearDownLocked();
       m_stream->destroy();
     }
-    released.swap(m_attachedAudio);
-    m_audioToUsedBus.clear();
+    released = m_busses.releaseAll();
   }
   released.clear();
   if (m_device) m_device->disengage();
@@ -214,7 +207,7 @@ bool KyoAudioSend::rebuildLocked(const std::optional<KyoAudioStreamDescription>&
   // Attached sources keep their busses and map entries; only the enables are new.
   for (uint32_t bus = 0; bus < kKyoBusCount; ++bus)
     splitUnit->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 0.0f);
-  for (const auto& [audio, bus] : m_audioToUsedBus)
+  for (const auto& [audio, bus] : m_busses.usedBusses())
     splitUnit->setParameter(KyoMatrixMixer::kParameterEnable, kKyoAudioUnitScope_Input, bus, 1.0f);
   m_inputFormat = input;
   return true;
@@ -234,49 +227,28 @@ void KyoAudioSend::_setEnabled(bool enabled, uint32_t bus) {
 bool KyoAudioSend::_attachAudio(const std::shared_ptr<KyoAudioAttachable>& audio) {
   if (!audio) return false;
   KYO_LOG_AT(3, "%s attaching %s", description().c_str(), audio->description().c_str());
-  if (m_audioToUsedBus.count(audio.get())) return true;
-  if (m_freeBusses.empty()) {
+  if (m_busses.busOf(audio.get())) return true;
+  const std::optional<uint32_t> bus = m_busses.take(audio);
+  if (!bus) {
     KyoLog("Error: No busses left for send %s; can't attach %s", description().c_str(), audio->description().c_str());
     return false;
   }
-  const uint32_t bus = m_freeBusses.back();
-  m_attachedAudio.push_back(audio);
-  m_audioToUsedBus[audio.get()] = bus;
-  m_freeBusses.pop_back();
-
   KyoMutexLocker lock(m_renderMutex);
-  audio->registerRenderInfo(&m_renderMap->infos[bus]);
-  _setEnabled(true, bus);
+  audio->registerRenderInfo(&m_busses.entry(*bus));
+  _setEnabled(true, *bus);
   return true;
 }
 
 void KyoAudioSend::_detachAudio(KyoAudioAttachable* audio) {
   if (!audio) return;
   KYO_LOG_AT(3, "%s detaching %s", description().c_str(), audio->description().c_str());
-  auto it = m_audioToUsedBus.find(audio);
-  if (it == m_audioToUsedBus.end()) return;
-  const uint32_t bus = it->second;
-  {
-    KyoMutexLocker lock(m_renderMutex);
-    _setEnabled(false, bus);
-    m_renderMap->infos[bus] = KyoRenderInfo{};
-  }
-  m_freeBusses.push_back(bus);  // a freed bus is the next to be used
-  m_audioToUsedBus.erase(it);
-  auto found =
-      std::find_if(m_attachedAudio.begin(), m_attachedAudio.end(), [audio](const auto& a) { return a.get() == audio; });
-  // Let go of outside the lock; the caller still holds the object.
+  // Let go of outside the lock; the caller still holds the object anyway.
   std::shared_ptr<KyoAudioAttachable> released;
-  if (found != m_attachedAudio.end()) {
-    released = std::move(*found);
-    m_attachedAudio.erase(found);
-  }
-}
-
-std::optional<uint32_t> KyoAudioSend::_busOfAudio(const KyoAudioAttachable* audio) const {
-  auto it = m_audioToUsedBus.find(audio);
-  if (it == m_audioToUsedBus.end()) return std::nullopt;
-  return it->second;
+  const std::optional<uint32_t> bus = m_busses.give(audio, released);
+  if (!bus) return;
+  KyoMutexLocker lock(m_renderMutex);
+  _setEnabled(false, *bus);
+  m_busses.entry(*bus) = KyoRenderInfo{};
 }
 
 // --- Volumes ---
@@ -380,7 +352,7 @@ int32_t KyoAudioSend::_finalRender(uint32_t* ioActionFlags, const KyoAudioTimeSt
     KyoAudioBufferListSilence(ioData, 0, frames);
     return 0;
   }
-  const KyoRenderInfo& entry = m_renderMap->infos[busNumber];
+  const KyoRenderInfo& entry = m_busses.entry(busNumber);
   // The mixer's buffers still hold another bus's audio: a bus that gave nothing says
   // so, rather than let that through again.
   if (!entry.target || entry.call(ioActionFlags, timeStamp, 0, frames, ioData) != 0) {

@@ -26,9 +26,9 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
+#include "audio/KyoAudioBusses.h"
 #include "audio/KyoAudioDevice.h"
 #include "audio/KyoAudioRendering.h"
 #include "audio/KyoAudioStreamDescription.h"
@@ -74,14 +74,14 @@ class KyoAudioSend final : public KyoAudioSending, public std::enable_shared_fro
   void updateStream();
 
   // --- Busses for sources (main thread, from the device's attach and detach) ---
-  bool hasAudioAttached() const override { return !m_attachedAudio.empty(); }
+  bool hasAudioAttached() const override { return m_busses.hasAudio(); }
   bool _attachAudio(const std::shared_ptr<KyoAudioAttachable>& audio) override;
   void _detachAudio(KyoAudioAttachable* audio) override;
   // The enable of an input bus of the split mixer; nothing above 499 or without a mixer.
   void _setEnabled(bool enabled, uint32_t bus);
   // The bus an object holds, or nothing (tests and diagnostics).
-  std::optional<uint32_t> _busOfAudio(const KyoAudioAttachable* audio) const;
-  size_t _freeBusCount() const { return m_freeBusses.size(); }
+  std::optional<uint32_t> _busOfAudio(const KyoAudioAttachable* audio) const { return m_busses.busOf(audio); }
+  size_t _freeBusCount() const { return m_busses.freeCount(); }
 
   // --- Volumes: linear gains (any thread; nothing while invalid) ---
   KyoEffect* splitMixer() const { return m_splitMixer.get(); }
@@ -129,11 +129,7 @@ class KyoAudioSend final : public KyoAudioSending, public std::enable_shared_fro
   std::vector<std::shared_ptr<KyoEffectBus>> m_effectBusses;
   std::vector<std::shared_ptr<KyoEffectBus>> m_deadBusses;  // off the list, still in the graph
 
-  // Main thread; the map's entries also under m_renderMutex.
-  std::vector<uint32_t> m_freeBusses;  // next to be used at the back
-  std::vector<std::shared_ptr<KyoAudioAttachable>> m_attachedAudio;
-  std::unordered_map<const KyoAudioAttachable*, uint32_t> m_audioToUsedBus;
-  std::unique_ptr<KyoRenderInfoList> m_renderMap;
+  KyoAudioBusses m_busses;  // main thread; the map's entries also under m_renderMutex
 
   mutable KyoMutex m_renderMutex;
   mutable std::mutex m_levelsMutex;

@@ -1,17 +1,14 @@
 // The render engine's cost: N playing stereo sources on the busses of an offline
 // device at 48 kHz with 128-frame cycles. "period_fraction" is the render time of one
 // cycle divided by the cycle's duration (2.67 ms): 0.5 is half of one core.
-// The counter is CPU time over buffer time, so it prints with a seconds suffix
-// ("0.055s" is 5.5 %). "render_allocs" counts the allocations on the render thread
-// after the warm-up.
 
 #include <benchmark/benchmark.h>
 
 #include <memory>
 #include <vector>
 
+#include "CycleMeasure.h"
 #include "audio/KyoAudioDeviceTestSupport.h"
-#include "support/AllocationCounter.h"
 
 using sonto::test::OfflineDevice;
 using sonto::test::TestSource;
@@ -42,22 +39,7 @@ void BM_EngineCycle(benchmark::State& state) {
     s->_play();
     playing.push_back(std::move(s));
   }
-  // Warm-up: the recording reaches its size, caches settle.
-  for (int i = 0; i < 50; ++i) {
-    dev.pull(1);
-    dev.clear();
-  }
-  sonto::test::resetWatchedAllocations();
-  sonto::test::watchAllocationsOnThisThread(true);
-  for (auto _ : state) {
-    dev.pull(1);
-    dev.clear();  // keeps the capacity: a few stores
-  }
-  sonto::test::watchAllocationsOnThisThread(false);
-  const double period = kFrames / kRate;
-  state.counters["period_fraction"] =
-      benchmark::Counter(double(state.iterations()) * period, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-  state.counters["render_allocs"] = double(sonto::test::watchedAllocations());
+  sonto::test::measureCycles(state, dev, kRate, kFrames);
 }
 
 BENCHMARK(BM_EngineCycle)

@@ -2,22 +2,21 @@
 // device's stereo input) played straight to the busses of an offline device at 48 kHz
 // with 128-frame cycles, against the same sources through one send whose aux bus of
 // 2 channels runs one effect, with each source's channels sent to it and the returns
-// routed back. "period_fraction" is the render time of one cycle over the cycle's
-// duration (2.67 ms), printed with a seconds suffix; the ratio of the two rows of one
-// N is the send's price. "render_allocs" counts allocations on the render thread.
+// routed back. The ratio of the "period_fraction" of the two rows of one N is the
+// send's price per cycle.
 
 #include <benchmark/benchmark.h>
 
 #include <memory>
 #include <vector>
 
+#include "CycleMeasure.h"
 #include "audio/KyoAudioComponentDescription.h"
 #include "audio/KyoAudioDeviceTestSupport.h"
 #include "effects/KyoAudioSend.h"
 #include "effects/KyoAudioSource.h"
 #include "effects/KyoEffect.h"
 #include "effects/KyoEffectBus.h"
-#include "support/AllocationCounter.h"
 
 using sonto::test::OfflineDevice;
 
@@ -73,20 +72,7 @@ void BM_SendCycle(benchmark::State& state) {
   }
   dev.device->endSyncedActions();
 
-  for (int i = 0; i < 50; ++i) {  // warm-up: the recording reaches its size
-    dev.pull(1);
-    dev.clear();
-  }
-  sonto::test::resetWatchedAllocations();
-  sonto::test::watchAllocationsOnThisThread(true);
-  for (auto _ : state) {
-    dev.pull(1);
-    dev.clear();
-  }
-  sonto::test::watchAllocationsOnThisThread(false);
-  state.counters["period_fraction"] = benchmark::Counter(double(state.iterations()) * kFrames / kRate,
-                                                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-  state.counters["render_allocs"] = double(sonto::test::watchedAllocations());
+  sonto::test::measureCycles(state, dev, kRate, kFrames);
 
   // Off the send first: while attached, the send and its sources hold each other.
   for (auto& source : sources) {

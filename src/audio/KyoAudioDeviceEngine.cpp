@@ -13,17 +13,6 @@
 namespace {
 // The mixer is sized for cycles up to this, or the device's cycle if larger.
 constexpr uint32_t kPreferredMaximumFrames = 4096;
-
-template <int32_t (KyoAudioDevice::*Entry)(uint32_t*, const KyoAudioTimeStamp*, uint32_t, uint32_t,
-                                           AudioBufferList*)>
-void fillInfo(KyoAudioDevice* device, KyoRenderInfo& info, const char* selector) {
-  info.target = device;
-  info.selector = selector;
-  info.method = [](void* target, uint32_t* flags, const KyoAudioTimeStamp* ts, uint32_t bus, uint32_t frames,
-                   AudioBufferList* data) -> int32_t {
-    return (static_cast<KyoAudioDevice*>(target)->*Entry)(flags, ts, bus, frames, data);
-  };
-}
 }  // namespace
 
 // --- Use count ---
@@ -99,7 +88,7 @@ bool KyoAudioDevice::open() {
   if ((status = mixer->setStreamFormat(kKyoAudioUnitScope_Output, 0, *m_mixerOutDesc))) return fail(status, __LINE__);
   if ((status = mixer->setMaximumFramesPerSlice(m_maximumFrames))) return fail(status, __LINE__);
 
-  fillInfo<&KyoAudioDevice::outRenderCallback>(this, m_outRenderInfo,
+  KyoRegisterRenderEntry<&KyoAudioDevice::outRenderCallback>(this, &m_outRenderInfo,
                                                "outRenderCallback:timeStamp:busNumber:numberFrames:data:");
   for (uint32_t bus = 0; bus < kKyoBusCount; ++bus)
     if ((status = mixer->setRenderCallback(bus, m_outRenderInfo))) return fail(status, __LINE__);
@@ -112,7 +101,7 @@ bool KyoAudioDevice::open() {
   const bool withInput = m_enableInput.load() && p.inputChannels > 0;
   if (withInput) {
     m_inputDesc = KyoAudioStreamDescription(p.nominalSampleRate, p.inputChannels);
-    fillInfo<&KyoAudioDevice::inRenderCallback>(this, m_inRenderInfo,
+    KyoRegisterRenderEntry<&KyoAudioDevice::inRenderCallback>(this, &m_inRenderInfo,
                                                 "inRenderCallback:timeStamp:busNumber:numberFrames:data:");
     m_bufferList = KyoAudioBufferListCreate(p.inputChannels, m_maximumFrames, false);
     if (!m_bufferList) return fail(kKyoHALUnsupportedError, __LINE__);
@@ -131,7 +120,8 @@ bool KyoAudioDevice::open() {
   setDefaultVolumes();
   lock.lock();
 
-  fillInfo<&KyoAudioDevice::notifyCallback>(this, m_notifyInfo, "notifyCallback:timeStamp:busNumber:numberFrames:data:");
+  KyoRegisterRenderEntry<&KyoAudioDevice::notifyCallback>(this, &m_notifyInfo,
+                                                          "notifyCallback:timeStamp:busNumber:numberFrames:data:");
   if (!m_open.load()) return false;  // closed meanwhile by another thread
   status = KyoHAL::shared().startIO(m_deviceID, withInput, &KyoAudioDevice::ioProc, this);
   if (status != kKyoHALNoError) {

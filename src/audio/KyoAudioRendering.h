@@ -94,6 +94,19 @@ void KyoRegisterRenderInfo(T* renderer, KyoRenderInfo* info) {
   };
 }
 
+// Fills info for another render entry of T than render() (a final render, a device's
+// callback): KyoRegisterRenderEntry<&T::_finalRender>(this, info, "its selector").
+template <auto Entry, class T>
+void KyoRegisterRenderEntry(T* target, KyoRenderInfo* info, const char* selector) {
+  if (!info) return;
+  info->target = target;
+  info->selector = selector;
+  info->method = [](void* object, uint32_t* flags, const KyoAudioTimeStamp* ts, uint32_t bus, uint32_t frames,
+                    AudioBufferList* data) -> int32_t {
+    return (static_cast<T*>(object)->*Entry)(flags, ts, bus, frames, data);
+  };
+}
+
 // An action that calls a member function without argument:
 // KyoActionTrampoline<&KyoAudioSource::_play> is a KyoActionMethod.
 template <class>

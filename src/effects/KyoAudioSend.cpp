@@ -335,13 +335,8 @@ int32_t KyoAudioSend::render(uint32_t* ioActionFlags, const KyoAudioTimeStamp* t
 }
 
 void KyoAudioSend::_registerFinalRenderInfo(KyoRenderInfo* info) {
-  if (!info) return;
-  info->target = this;
-  info->selector = "_finalRender:timeStamp:busNumber:numberFrames:data:";
-  info->method = [](void* target, uint32_t* flags, const KyoAudioTimeStamp* ts, uint32_t bus, uint32_t frames,
-                    AudioBufferList* data) -> int32_t {
-    return static_cast<KyoAudioSend*>(target)->_finalRender(flags, ts, bus, frames, data);
-  };
+  KyoRegisterRenderEntry<&KyoAudioSend::_finalRender>(this, info,
+                                                      "_finalRender:timeStamp:busNumber:numberFrames:data:");
 }
 
 // Render thread, per enabled input bus of the split mixer; always inside render() and

@@ -75,11 +75,7 @@ void KyoAudioSource::setAlias(std::shared_ptr<KyoAlias> alias) {
 
 void KyoAudioSource::setDevice(std::shared_ptr<KyoAudioDevice> device) {
   if (device == m_device) return;
-  if (m_cleanupTimer) {
-    stop();
-    stopCleanupTimer();
-    if (m_device) m_device->_detachAudio(this);
-  }
+  stopAndDetach();
   if (m_device) m_device->disengage();
   m_device = std::move(device);
   if (m_device) m_device->engage();
@@ -90,12 +86,7 @@ std::shared_ptr<KyoAudioSending> KyoAudioSource::send() const { return m_send; }
 
 void KyoAudioSource::setSend(std::shared_ptr<KyoAudioSend> send) {
   if (send == m_send) return;
-  if (m_cleanupTimer) {
-    stop();
-    stopCleanupTimer();
-    // Still with the old send, so that the device takes the source off that one.
-    if (m_device) m_device->_detachAudio(this);
-  }
+  stopAndDetach();
   m_send = std::move(send);
   _updateStream();
 }
@@ -260,6 +251,15 @@ void KyoAudioSource::startCleanupTimer() {
   m_cleanupTimer = KyoCurrentClock().startTimer(kCleanupIntervalSeconds, true, [weak] {
     if (std::shared_ptr<KyoAudioSource> source = weak.lock()) source->_detachIfFinished();
   });
+}
+
+// Before the device or send changes: a source on its way to a bus, or on one, stops
+// and leaves it, while the device and send are still the old ones.
+void KyoAudioSource::stopAndDetach() {
+  if (!m_cleanupTimer) return;
+  stop();
+  stopCleanupTimer();
+  if (m_device) m_device->_detachAudio(this);
 }
 
 void KyoAudioSource::stopCleanupTimer() {
@@ -573,13 +573,8 @@ int32_t KyoAudioSource::render(uint32_t* ioActionFlags, const KyoAudioTimeStamp*
 }
 
 void KyoAudioSource::_registerFinalRenderInfo(KyoRenderInfo* info) {
-  if (!info) return;
-  info->target = this;
-  info->selector = "_finalRender:timeStamp:busNumber:numberFrames:data:";
-  info->method = [](void* target, uint32_t* flags, const KyoAudioTimeStamp* ts, uint32_t bus, uint32_t frames,
-                    AudioBufferList* data) -> int32_t {
-    return static_cast<KyoAudioSource*>(target)->_finalRender(flags, ts, bus, frames, data);
-  };
+  KyoRegisterRenderEntry<&KyoAudioSource::_finalRender>(this, info,
+                                                        "_finalRender:timeStamp:busNumber:numberFrames:data:");
 }
 
 // Render thread, at the head of the chain, always inside render() and so under

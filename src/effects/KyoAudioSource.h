@@ -168,6 +168,7 @@ class KyoAudioSource final : public KyoAudioAttachable, public std::enable_share
   void setMixerValue(float value, uint32_t parameter, KyoAudioUnitScope scope, uint32_t element);
   float mixerValue(uint32_t parameter, KyoAudioUnitScope scope, uint32_t element) const;
   void stopCleanupTimer();
+  void stopAndDetach();
   void startCleanupTimer();
 
   std::atomic<KyoAudioSourceDelegate*> m_delegate{nullptr};

@@ -1,0 +1,145 @@
+// The output popup and the meter on the real window: rows per channel pair of the
+// catalogue's devices, the device objects of surviving rows kept across rebuilds, a
+// show whose device is not there told once with its row, moves to another pair and
+// another device, and the meter fed from a known signal on the show's channels.
+#include <QComboBox>
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "SoundTestSupport.h"
+#include "SurfaceTestSupport.h"
+#include "audio/KyoAudioDeviceTestSupport.h"
+#include "show/Workspace.h"
+#include "surface/CueInspectorController.h"
+#include "surface/InspectorController.h"
+#include "surface/SontoAlerts.h"
+#include "surface/SontoAudioLevelView.h"
+#include "surface/WorkspaceController.h"
+
+using namespace sonto::test;
+
+namespace {
+
+QStringList itemsOf(const QComboBox* box) {
+  QStringList items;
+  for (int i = 0; i < box->count(); ++i) items << box->itemText(i);
+  return items;
+}
+
+QStringList catalogueTitles() {
+  QStringList titles;
+  for (const auto& device : KyoAudioDevice::allDevices()) {
+    for (long channel = 1; channel < static_cast<long>(device->outputChannels()); ++channel) {
+      titles << WorkspaceController::outputTitle(*device, channel);
+    }
+  }
+  return titles;
+}
+
+struct Alerts {
+  QStringList seen;
+  Alerts() {
+    SontoAlerts::setAlertHandler([this](const QString& message, const QString&) { seen << message; });
+  }
+  ~Alerts() { SontoAlerts::setAlertHandler({}); }
+};
+
+}  // namespace
+
+TEST(Outputs, RowsFollowTheCatalogueKeepTheirDevicesAndMoveTheShow) {
+  Alerts alerts;
+  TestWindow t(KyoAudioDevice::deviceWithUID("null"));
+  auto* outputs = t.window->findChild<QComboBox*>(QStringLiteral("outputs"));
+  ASSERT_TRUE(outputs);
+  const QStringList titles = catalogueTitles();
+  ASSERT_TRUE(titles.contains("No Output - channels 1/2")) << titles.join(", ").toStdString();
+  EXPECT_EQ(itemsOf(outputs), titles);
+  EXPECT_EQ(outputs->currentText(), "No Output - channels 1/2");
+  EXPECT_TRUE(alerts.seen.isEmpty());
+  // The inspector's popup has the same rows.
+  auto* cueOutput = t.window->inspectorController()->cueInspectorController()->view()->findChild<QComboBox*>(
+      QStringLiteral("output"));
+  ASSERT_TRUE(cueOutput);
+  EXPECT_EQ(itemsOf(cueOutput), titles);
+
+  // A rebuild keeps the very objects of the rows that are still there.
+  std::vector<KyoAudioDevice*> before;
+  for (const auto& row : t.window->outputDevices()) before.push_back(row.device.get());
+  t.window->updateOutputDevices();
+  ASSERT_EQ(t.window->outputDevices().size(), before.size());
+  for (size_t i = 0; i < before.size(); ++i) EXPECT_EQ(t.window->outputDevices()[i].device.get(), before[i]) << i;
+
+  // Another device moves the show and marks it changed; another pair of the same
+  // device only routes (no document change).
+  const auto& rows = t.window->outputDevices();
+  auto other = std::find_if(rows.begin(), rows.end(), [](const auto& row) { return row.device->deviceUID() != "null"; });
+  if (other != rows.end()) {
+    t.window->changeOutputDevice(static_cast<int>(other - rows.begin()));
+    EXPECT_EQ(t.workspace()->audioDevice(), other->device);
+    EXPECT_TRUE(t.workspace()->isDocumentEdited());
+    t.window->changeOutputDevice(static_cast<int>(std::find_if(rows.begin(), rows.end(), [](const auto& row) {
+                                                    return row.device->deviceUID() == "null";
+                                                  }) - rows.begin()));
+    EXPECT_EQ(t.workspace()->audioDevice()->deviceUID(), "null");
+  }
+  t.window->changeOutputDevice(outputs->count());  // past the rows: nothing happens
+  EXPECT_EQ(t.workspace()->audioDevice()->deviceUID(), "null");
+}
+
+TEST(Outputs, AShowOnADeviceNotListedSaysSoOnceAndTheMeterReadsItsPair) {
+  Alerts alerts;
+  EngineSources engine;
+  Offline out;
+  TestWindow t(out.device);
+  auto* outputs = t.window->findChild<QComboBox*>(QStringLiteral("outputs"));
+  EXPECT_EQ(outputs->currentText(), "Device missing");
+  EXPECT_EQ(alerts.seen, QStringList{"Device disappeared"});
+  EXPECT_EQ(t.workspace()->audioDevice(), out.device) << "the show stays bound to its device";
+
+  // A full-scale sine on the left, half of it on the right: the meter shows their
+  // power on its scale (a square root below 0 dB), and holds when nothing new comes.
+  auto* meter = t.window->audioLevel();
+  EXPECT_EQ(meter->leftChannelPower(), SontoAudioLevelView::kSilence);
+  std::vector<std::shared_ptr<TestSource>> sources{
+      std::make_shared<TestSource>(out.device.get(), std::vector<uint32_t>{0}, TestSource::Signal::Sine, 1.0f),
+      std::make_shared<TestSource>(out.device.get(), std::vector<uint32_t>{1}, TestSource::Signal::Sine, 0.5f)};
+  for (auto& s : sources) {
+    ASSERT_TRUE(out.device->_attachAudio(s));
+    s->_play();
+  }
+  ASSERT_EQ(KyoHAL::shared().pullOffline(out.id, 200), 0);
+  t.window->updateAudioLevels();
+  const float leftDb = out.device->outPostAveragePowerAtChannel(0);
+  EXPECT_NEAR(leftDb, -3.01, 0.5);
+  EXPECT_FLOAT_EQ(meter->leftChannelPower(), SontoAudioLevelView::meterValueForDecibels(leftDb));
+  EXPECT_LT(meter->rightChannelPower(), meter->leftChannelPower());
+  EXPECT_GT(meter->leftChannelPeak(), meter->leftChannelPower());
+  for (auto& s : sources) out.device->_detachAudio(s.get());
+}
+
+TEST(Outputs, TheMeterScaleAndItsGeometry) {
+  const struct {
+    float decibels, value;
+  } scale[] = {{-200, -4}, {-60, -4}, {-15, -2}, {0, 0}, {6, 0.5f}, {12, 1}, {24, 2}};
+  for (const auto& s : scale) EXPECT_FLOAT_EQ(SontoAudioLevelView::meterValueForDecibels(s.decibels), s.value);
+
+  SontoAudioLevelView meter;
+  meter.resize(201, 48);
+  const QRectF bar = meter.barRect(0);
+  EXPECT_EQ(bar.width(), 200.0);
+  EXPECT_EQ(bar.height(), 12.0);
+  EXPECT_LT(bar.bottom(), meter.barRect(1).top()) << "left above right";
+  EXPECT_NEAR(meter.litRect(0, 0).width(), 160.0, 1e-4) << "0 dB lights 80 %";
+  EXPECT_DOUBLE_EQ(meter.litRect(0, 1).width(), 200.0);
+  EXPECT_DOUBLE_EQ(meter.litRect(0, 2).width(), 200.0) << "never past the bar";
+  EXPECT_TRUE(meter.litRect(0, -4).isEmpty());
+  EXPECT_GT(meter.litRect(0, -3.99f).width(), 0.0);
+  EXPECT_EQ(meter.peakRect(1, 0).width(), 1.0);
+  EXPECT_NEAR(meter.peakRect(1, 0).left(), bar.left() + 160.0, 1e-4);
+  // An equal value asks for no painting.
+  meter.setLeftChannelPower(-4.0f);
+  EXPECT_EQ(meter.leftChannelPower(), -4.0f);
+}

@@ -694,7 +694,7 @@ void CueInspectorController::changeOutputDevice(int index) {
   if (!m_cue || index < 0 || static_cast<size_t>(index) >= m_outputChoices.size()) return;
   const OutputChoice choice = m_outputChoices[static_cast<size_t>(index)];
   const auto current = m_cue->audioDevice();
-  if (current && current->deviceID() == choice.device->deviceID()) {
+  if (current && !current->died() && current->deviceID() == choice.device->deviceID()) {
     if (choice.channel != m_cue->deviceChannel()) m_cue->setDeviceChannel(choice.channel);
     return;
   }

@@ -6,6 +6,8 @@
 #include <QPointer>
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
 
 #include "audio/KyoAudioDevice.h"
 #include "foundation/KyoEnvironment.h"
@@ -31,13 +33,17 @@ QString WorkspaceController::outputTitle(const KyoAudioDevice& device, long chan
 
 void WorkspaceController::startOutputs() {
   // The catalogue tells on a thread of the device layer; the rebuild, and its alert,
-  // belong to the main thread.
+  // belong to the main thread. A burst of changes (a server's ports going one by
+  // one) is one rebuild: one alert, not one per port.
   QPointer<WorkspaceController> self(this);
+  auto pending = std::make_shared<std::atomic<bool>>(false);
   m_deviceListObserver = KyoScopedObserver(
       KyoNotificationCenter::defaultCenter(), kKyoAudioHardwareDeviceListDidChangeNotification,
-      [self](const KyoNotification&) {
+      [self, pending](const KyoNotification&) {
+        if (pending->exchange(true)) return;
         KyoCurrentClock().runOnMain(
-            [self] {
+            [self, pending] {
+              pending->store(false);
               if (self && self->m_workspace) self->updateOutputDevices();
             },
             false);
@@ -119,7 +125,9 @@ void WorkspaceController::changeOutputDevice(int index) {
   if (!m_workspace || index < 0 || static_cast<size_t>(index) >= m_outputDevices.size()) return;
   const OutputRow row = m_outputDevices[static_cast<size_t>(index)];
   const auto& current = m_workspace->audioDevice();
-  if (current && current->deviceID() == row.device->deviceID()) {
+  // A device that comes back keeps its id here, so a dead object of the same id is
+  // another device: the show moves onto the live one.
+  if (current && !current->died() && current->deviceID() == row.device->deviceID()) {
     // Another pair of the same device: routed at once, the device stays open, and
     // the document is not changed.
     if (row.channel != m_workspace->deviceChannel()) m_workspace->setDeviceChannel(row.channel);

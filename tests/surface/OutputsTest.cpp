@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cmath>
+#include <cstdio>
 
 #include "SoundTestSupport.h"
 #include "SurfaceTestSupport.h"
@@ -18,6 +20,7 @@
 #include "surface/SontoAlerts.h"
 #include "surface/SontoAudioLevelView.h"
 #include "surface/WorkspaceController.h"
+#include "support/JackServer.h"
 
 using namespace sonto::test;
 
@@ -142,4 +145,52 @@ TEST(Outputs, TheMeterScaleAndItsGeometry) {
   // An equal value asks for no painting.
   meter.setLeftChannelPower(-4.0f);
   EXPECT_EQ(meter.leftChannelPower(), -4.0f);
+}
+
+// A JACK server started, lost and started again under an open window: its rows come
+// and go, the other rows keep their device objects, the show on it is told once that
+// its device is gone, and takes the server again when the operator chooses it.
+TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
+  if (!JackServer::installed()) GTEST_SKIP() << "jackd is not installed";
+  Alerts alerts;
+  TestWindow t(KyoAudioDevice::deviceWithUID("null"));
+  auto* outputs = t.window->findChild<QComboBox*>(QStringLiteral("outputs"));
+  auto jackRow = [&]() -> int {
+    const auto& rows = t.window->outputDevices();
+    for (size_t i = 0; i < rows.size(); ++i)
+      if (rows[i].device->deviceUID().rfind("jack:", 0) == 0) return static_cast<int>(i);
+    return -1;
+  };
+  auto nullDevice = [&] {
+    for (const auto& row : t.window->outputDevices())
+      if (row.device->deviceUID() == "null") return row.device.get();
+    return static_cast<KyoAudioDevice*>(nullptr);
+  };
+  ASSERT_EQ(jackRow(), -1);
+  KyoAudioDevice* kept = nullDevice();
+
+  JackServer server;
+  ASSERT_TRUE(server.start()) << server.error();
+  ASSERT_TRUE(pumpUntil([&] { return jackRow() >= 0; })) << itemsOf(outputs).join(", ").toStdString();
+  EXPECT_EQ(nullDevice(), kept) << "a surviving device keeps its object";
+  t.window->changeOutputDevice(jackRow());
+  ASSERT_EQ(t.workspace()->audioDevice()->deviceUID().rfind("jack:", 0), 0u);
+  EXPECT_TRUE(alerts.seen.isEmpty());
+
+  const double lost = KyoMonotonicSeconds();
+  server.kill(SIGKILL);
+  ASSERT_TRUE(pumpUntil([&] { return !alerts.seen.isEmpty() && jackRow() < 0; }));
+  std::printf("[ figure ] device lost to alert and rebuilt menu: %.0f ms\n", (KyoMonotonicSeconds() - lost) * 1000);
+  EXPECT_EQ(alerts.seen, QStringList{"Device disappeared"});
+  EXPECT_EQ(outputs->currentText(), "Device missing");
+  EXPECT_EQ(nullDevice(), kept);
+  t.workspace()->hardStopAll();  // the show goes on working, on nothing
+
+  ASSERT_TRUE(server.start()) << server.error();
+  ASSERT_TRUE(pumpUntil([&] { return jackRow() >= 0; }));
+  EXPECT_EQ(outputs->currentText(), "Device missing") << "the show's own object died: the operator chooses";
+  t.window->changeOutputDevice(jackRow());
+  EXPECT_FALSE(t.workspace()->audioDevice()->died());
+  EXPECT_TRUE(t.workspace()->audioDevice()->isOpen());
+  server.kill(SIGTERM);
 }

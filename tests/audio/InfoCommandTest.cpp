@@ -17,13 +17,6 @@ using namespace sonto::test;
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 struct Outcome {
   int status;
   std::string out, err;
@@ -32,7 +25,7 @@ struct Outcome {
 Outcome runInfo(const std::string& binary, const std::string& arguments) {
   std::string out = temporaryPath("info.out"), err = temporaryPath("info.err");
   int status = run("'" + binary + "' info " + arguments + " >'" + out + "' 2>'" + err + "'");
-  return {status, slurp(out), slurp(err)};
+  return {status, sonto::test::readText(out), sonto::test::readText(err)};
 }
 
 }  // namespace

@@ -31,6 +31,9 @@ bool makeAnsweredFifo(const std::string& path);
 // Runs a shell command; answers its exit status.
 int run(const std::string& command);
 
+// The whole text of a file; empty when it cannot be read.
+std::string readText(const std::string& path);
+
 // The sonto binary in the build folder, one above the test binaries; empty when it
 // is not built.
 std::string sontoBinary();

@@ -7,21 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "support/TestFiles.h"
-
-namespace {
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-}  // namespace
 
 TEST(QuitSignal, TermIntAndHupCloseTheShowsAndExitCleanly) {
   const std::string binary = sonto::test::sontoBinary();
@@ -41,9 +27,9 @@ TEST(QuitSignal, TermIntAndHupCloseTheShowsAndExitCleanly) {
     bool up = false;
     for (int i = 0; i < 600 && !up; ++i) {
       usleep(50000);
-      up = slurp(log).find("Launching at log level") != std::string::npos;
+      up = sonto::test::readText(log).find("Launching at log level") != std::string::npos;
     }
-    ASSERT_TRUE(up) << slurp(log);
+    ASSERT_TRUE(up) << sonto::test::readText(log);
     kill(child, signal);
     int status = 0;
     pid_t done = 0;
@@ -52,8 +38,8 @@ TEST(QuitSignal, TermIntAndHupCloseTheShowsAndExitCleanly) {
       if (done == 0) usleep(25000);
     }
     if (done == 0) kill(child, SIGKILL), waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status << "\n" << slurp(log);
-    const std::string text = slurp(log);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status << "\n" << sonto::test::readText(log);
+    const std::string text = sonto::test::readText(log);
     EXPECT_NE(text.find(std::string("Quitting on SIG") + sigabbrev_np(signal)), std::string::npos) << text;
     // A machine without MIDI or sound hardware says so once, in words: no library's
     // own complaints, no status numbers.

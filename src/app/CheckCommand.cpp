@@ -48,6 +48,7 @@ bool checkShow(const std::string& path, const std::shared_ptr<KyoAudioDevice>& d
                   cue->name().c_str(), cue->brokenExplanation().c_str());
     }
   }
+  workspace.close();  // its temporary folder
   return clean;
 }
 

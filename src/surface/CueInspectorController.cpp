@@ -681,11 +681,8 @@ void CueInspectorController::refreshOutput() {
   if (!m_cue) return;
   const auto& device = m_cue->audioDevice();
   const QSignalBlocker blocker(m_output);
-  m_output->setCurrentIndex(device ? m_output->findText(QStringLiteral("%1 - channels %2/%3")
-                                                            .arg(QString::fromStdString(device->name()))
-                                                            .arg(m_cue->deviceChannel())
-                                                            .arg(m_cue->deviceChannel() + 1))
-                                   : -1);
+  m_output->setCurrentIndex(
+      device ? m_output->findText(WorkspaceController::outputTitle(*device, m_cue->deviceChannel())) : -1);
 }
 
 // Another pair of the cue's device re-routes it; another device takes the cue over,

@@ -152,7 +152,7 @@ QWidget* WorkspaceController::buildBottomBar() {
 
   // The level meter, left of the buttons.
   m_audioLevel = new SontoAudioLevelView(bar);
-  m_audioLevel->setFixedWidth(150);
+  m_audioLevel->setFixedWidth(130);
   layout->addWidget(m_audioLevel);
 
   m_buttonsContainer = new QWidget(bar);
@@ -198,15 +198,17 @@ QWidget* WorkspaceController::buildBottomBar() {
   m_volumeSlider = new QSlider(Qt::Horizontal, m_volumeContainer);
   m_volumeSlider->setObjectName(QStringLiteral("masterVolume"));
   m_volumeSlider->setRange(0, kVolumeSteps);
-  m_volumeSlider->setMinimumWidth(180);
+  m_volumeSlider->setMinimumWidth(140);
   m_volumeSlider->setFocusPolicy(Qt::TabFocus);
   connect(m_volumeSlider, &QSlider::valueChanged, this,
           [this](int value) { changeVolume(static_cast<float>(value) / kVolumeSteps); });
   volume->addWidget(m_volumeSlider);
   m_outputs = new QComboBox(m_volumeContainer);
   m_outputs->setObjectName(QStringLiteral("outputs"));
-  m_outputs->setMinimumWidth(200);
-  m_outputs->setSizeAdjustPolicy(QComboBox::AdjustToContents);
+  // Wide enough for "No Output - channels 1/2"; a longer name is cut in the button and
+  // shown whole in the list.
+  m_outputs->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
+  m_outputs->setMinimumContentsLength(25);
   m_outputs->setFocusPolicy(Qt::TabFocus);
   m_outputs->setToolTip(QStringLiteral("The output of this show: a device and a pair of its channels"));
   // Only a choice of the operator's moves the show, never a rebuild of the list.

@@ -219,6 +219,7 @@ struct KyoVirtualClock::State {
   // that one went to sleep does not stir every other sleeper: thousands of fades
   // started at one instant would otherwise cost a wake-up of each per step.
   struct Sleeper {
+    explicit Sleeper(double wakeAt) : target(wakeAt) {}
     double target;
     bool woken = false;
     std::condition_variable wake;

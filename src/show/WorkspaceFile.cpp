@@ -612,8 +612,11 @@ bool readPackage(const QUrl& url, WorkspaceDocument& document, SavingError* erro
 }
 
 void applyDocument(WorkspaceFileTarget& target, WorkspaceDocument d) {
-  if (d.audioDeviceUID && *d.audioDeviceUID != target.audioDeviceUID()) {
-    target.bindAudioDeviceWithUID(*d.audioDeviceUID);  // not there: stays on the default, silently
+  if (d.audioDeviceUID && *d.audioDeviceUID != target.audioDeviceUID() &&
+      !target.bindAudioDeviceWithUID(*d.audioDeviceUID)) {
+    // Not there: the show stays on the default output, and says which it was on.
+    KyoLog("The show's output %s is not here; it plays on %s until another is chosen",
+           d.audioDeviceUID->c_str(), target.audioDeviceUID().empty() ? "no output" : target.audioDeviceUID().c_str());
   }
   target.setDeviceChannel(d.deviceChannel);
   if (d.logger) target.setLogger(d.logger);

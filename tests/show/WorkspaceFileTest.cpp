@@ -14,6 +14,7 @@
 
 #include "show/ShowTestSupport.h"
 #include "support/TestFiles.h"
+#include "support/Waiting.h"
 #include "foundation/KyoClock.h"
 #include "show/WorkspaceFile.h"
 #include "show/WorkspaceSettings.h"
@@ -238,7 +239,10 @@ TEST_F(WorkspaceFileTest, ReadHandsValuesOverInOrderAndDuckedFilesLoseTheirMaste
   ASSERT_TRUE(WorkspaceFile::writePackage(urlOf(package), d, &error));
 
   RecordingTarget target;
+  sonto::test::LogCapture log;
   ASSERT_TRUE(WorkspaceFile::readIntoTarget(urlOf(package), target, &error));
+  EXPECT_TRUE(log.contains("The show's output jack:default is not here; it plays on null: until another is chosen"))
+      << log.all();
   EXPECT_EQ(target.calls, (std::vector<std::string>{"undo off", "device", "channel", "logger", "locked", "ducked",
                                                     "master", "settings", "duckedVolume", "carts", "done",
                                                     "undo on"}));

@@ -99,6 +99,10 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
   KyoAudioDeviceDelegate* delegate() const { return m_delegate.load(); }
   void setDelegate(KyoAudioDeviceDelegate* delegate) { m_delegate.store(delegate); }
   bool died() const { return m_died.load(); }
+  // The name of this device's client where the system names clients (JACK): taken
+  // at the next open. Empty: "Sonto".
+  void setClientName(const std::string& name);
+  std::string clientName() const;
   KyoAudioObjectID deviceID() const { return m_deviceID; }
 
   std::string deviceUID() const;
@@ -270,6 +274,7 @@ class KyoAudioDevice : public KyoAudioReading, public std::enable_shared_from_th
 
   uint64_t m_listenerToken = 0;
   uint64_t m_observerToken = 0;
+  std::string m_clientName;  // m_engineMutex
 
   // Counted on the render thread, reported by a timer that outlives nothing of ours.
   struct NonFiniteCount {

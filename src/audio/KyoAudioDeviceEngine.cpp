@@ -42,6 +42,16 @@ int32_t KyoAudioDevice::engaged() const {
   return m_engaged;
 }
 
+void KyoAudioDevice::setClientName(const std::string& name) {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  m_clientName = name;
+}
+
+std::string KyoAudioDevice::clientName() const {
+  std::lock_guard<std::mutex> lock(m_engineMutex);
+  return m_clientName;
+}
+
 // --- Open and close ---
 
 bool KyoAudioDevice::open() {
@@ -123,7 +133,7 @@ bool KyoAudioDevice::open() {
   KyoRegisterRenderEntry<&KyoAudioDevice::notifyCallback>(this, &m_notifyInfo,
                                                           "notifyCallback:timeStamp:busNumber:numberFrames:data:");
   if (!m_open.load()) return false;  // closed meanwhile by another thread
-  status = KyoHAL::shared().startIO(m_deviceID, withInput, &KyoAudioDevice::ioProc, this);
+  status = KyoHAL::shared().startIO(m_deviceID, withInput, &KyoAudioDevice::ioProc, this, m_clientName);
   if (status != kKyoHALNoError) {
     fail(status, __LINE__, "it would not start playing (is another program holding it?)");
     lock.unlock();

@@ -411,7 +411,8 @@ void KyoHAL::removeListener(uint64_t token) {
   }
 }
 
-int32_t KyoHAL::startIO(KyoAudioObjectID id, bool enableInput, KyoHALIOProc proc, void* client) {
+int32_t KyoHAL::startIO(KyoAudioObjectID id, bool enableInput, KyoHALIOProc proc, void* client,
+                        const std::string& clientName) {
   if (!proc) return kKyoHALIllegalOperationError;
   State::Device* device = nullptr;
   std::shared_ptr<KyoHALOffline> offline;
@@ -446,6 +447,7 @@ int32_t KyoHAL::startIO(KyoAudioObjectID id, bool enableInput, KyoHALIOProc proc
   parameters.proc = proc;
   parameters.client = client;
   parameters.events = &device->events;
+  parameters.clientName = clientName;
   int32_t status = kKyoHALNoError;
   std::unique_ptr<KyoHALStream> stream = device->backend->start(properties, parameters, status);
   if (!stream) {

@@ -88,7 +88,8 @@ class KyoHAL {
   // callback never runs. stopIO stops the client's callback (every client's when
   // null), returns only after its last call has returned, and takes no lock that a
   // callback takes.
-  int32_t startIO(KyoAudioObjectID device, bool enableInput, KyoHALIOProc proc, void* client);
+  int32_t startIO(KyoAudioObjectID device, bool enableInput, KyoHALIOProc proc, void* client,
+                  const std::string& clientName = {});
   int32_t stopIO(KyoAudioObjectID device, void* client = nullptr);
 
   // Offline devices: not listed, never default. pullOffline renders cycles on the

@@ -31,6 +31,9 @@ struct KyoHALStreamParameters {
   KyoHALIOProc proc = nullptr;
   void* client = nullptr;
   KyoHALEventTarget* events = nullptr;  // outlives the stream
+  // What the client is called where the backend names its clients (JACK's patchbay):
+  // the show it plays, so that saved connections find it again. Empty: "Sonto".
+  std::string clientName;
 };
 
 // A running device. The callback runs from start until stop; stop (and the

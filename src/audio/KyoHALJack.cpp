@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -47,6 +48,21 @@ void abandonClient(jack_client_t* client, const void* callbackState = nullptr) {
   std::lock_guard<std::mutex> lock(mutex);
   abandoned->emplace_back(client, callbackState);
   KYO_LOG_AT(3, "JACK client %p abandoned after its server went away", static_cast<void*>(client));
+}
+
+// A client name within JACK's limit, leaving room for the "-01" JACK adds when two
+// clients share a name, cut at a character boundary; ':' separates client and port
+// in JACK's names and is replaced.
+std::string jackClientName(const std::string& wanted) {
+  std::string name = wanted.empty() ? kClientName : wanted;
+  std::replace(name.begin(), name.end(), ':', '-');
+  const size_t limit = size_t(jack_client_name_size()) - 1 - 3;
+  if (name.size() > limit) {
+    size_t cut = limit;
+    while (cut > 0 && (static_cast<unsigned char>(name[cut]) & 0xC0) == 0x80) --cut;
+    name.resize(cut);
+  }
+  return name;
 }
 
 jack_client_t* openClient(const char* name, const std::string& server, jack_status_t& status) {
@@ -100,7 +116,7 @@ class JackStream : public KyoHALStream {
 
   int32_t begin(const std::string& server) {
     jack_status_t jackStatus{};
-    m_client = openClient(kClientName, server, jackStatus);
+    m_client = openClient(jackClientName(m_parameters.clientName).c_str(), server, jackStatus);
     if (!m_client) {
       KYO_LOG_STATUS_DETAIL(kKyoHALBadDeviceError,
                             "JACK server \"" + server + "\" is not running (status " + hex(jackStatus) + ")");

@@ -11,7 +11,7 @@
 std::unique_ptr<KyoMIDIJackInput> KyoMIDIJackInput::create(std::shared_ptr<KyoMIDIDelivery> delivery) {
   jack_status_t status;
   KyoJackReportToLog();
-  jack_client_t* client = jack_client_open("Sonto", JackNoStartServer, &status);
+  jack_client_t* client = jack_client_open("Sonto MIDI", JackNoStartServer, &status);
   if (!client) {
     KYO_LOG_AT(3, "No JACK MIDI input: no server (status 0x%x)\n", unsigned(status));
     return nullptr;

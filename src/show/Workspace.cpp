@@ -25,12 +25,15 @@ std::atomic<int> g_workspacesMade{0};
 Workspace::Workspace() : Workspace(nullptr) {}
 
 Workspace::Workspace(std::shared_ptr<KyoAudioDevice> device) : m_logger(std::make_shared<SontoLogger>()) {
+  m_untitledNumber = ++g_workspacesMade;
   if (!device) device = KyoAudioDevice::defaultOutputDevice();
-  if (device && !device->isOpen()) device->open();
+  if (device && !device->isOpen()) {
+    device->setClientName(clientName());
+    device->open();
+  }
   m_audioDevice = std::move(device);
   if (!m_audioDevice) KyoLog("Workspace has no output device.");
   makeTmpFolder();
-  m_untitledNumber = ++g_workspacesMade;
   // Each closed group is an edit done; undo and redo walk the count back and forth,
   // so undoing to the saved state clears the mark again.
   connect(&m_undoManager, &SontoUndoManager::didCloseUndoGroup, this, [this] { updateChangeCount(ChangeType::Done); });
@@ -157,6 +160,7 @@ void Workspace::setAudioDevice(std::shared_ptr<KyoAudioDevice> device) {
 bool Workspace::changeOutputDevice(std::shared_ptr<KyoAudioDevice> device, long channel) {
   if (!device) return false;
   if (m_audioDevice && m_audioDevice != device) m_audioDevice->close();
+  device->setClientName(clientName());
   if (!device->open()) {
     KyoLog("Could not open output device %s.", device->name().c_str());
     return false;
@@ -353,6 +357,14 @@ void Workspace::setFileURL(const QUrl& url) {
   emit fileURLChanged();
 }
 
+std::string Workspace::clientName(const QUrl& url) const {
+  if (url.isEmpty()) return "Sonto " + displayName().toStdString();
+  QString name = QFileInfo(url.toLocalFile()).fileName();
+  const QString extension = QStringLiteral(".") + QString::fromLatin1(WorkspaceFile::kExtension);
+  if (name.endsWith(extension, Qt::CaseInsensitive) && name.size() > extension.size()) name.chop(extension.size());
+  return "Sonto " + name.toStdString();
+}
+
 QString Workspace::displayName() const {
   if (!m_fileURL.isEmpty()) {
     // From the path, whose trailing slashes are gone.
@@ -386,6 +398,13 @@ bool Workspace::readFromURL(const QUrl& url, SavingError* error) {
   // Everything that can fail happens in the read, before the workspace is touched.
   WorkspaceDocument document;
   if (!WorkspaceFile::readPackage(url, document, error)) return false;
+  // The device's client takes the show's name (a JACK patchbay finds it by that):
+  // opened again under it, before any cue of the show is on it.
+  const std::string name = clientName(url);
+  if (m_audioDevice && m_audioDevice->isOpen() && m_audioDevice->clientName() != name) {
+    m_audioDevice->setClientName(name);
+    m_audioDevice->open();
+  }
   setUndoRegistrationEnabled(false);
   WorkspaceFile::applyDocument(*this, std::move(document));
   setUndoRegistrationEnabled(true);
@@ -500,8 +519,10 @@ void Workspace::setUndoRegistrationEnabled(bool enabled) {
 std::string Workspace::audioDeviceUID() const { return m_audioDevice ? m_audioDevice->deviceUID() : std::string(); }
 
 bool Workspace::bindAudioDeviceWithUID(const std::string& uid) {
-  auto device = WorkspaceFile::openDeviceWithUID(uid);
+  auto device = KyoAudioDevice::deviceWithUID(uid);
   if (!device) return false;
+  device->setClientName(m_audioDevice ? m_audioDevice->clientName() : clientName());
+  if (!device->open()) return false;
   setAudioDevice(std::move(device));
   return true;
 }

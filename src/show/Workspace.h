@@ -159,6 +159,9 @@ class Workspace : public QObject, public CartWorkspace, public WorkspaceFileTarg
   // The package's name without ".sonto"; untitled: "Untitled", "Untitled 2", ... in
   // the order the workspaces were made in this process.
   QString displayName() const;
+  // "Sonto " and the show's name (of the given URL, else its own): the name of its
+  // output's client where the system names clients, as in JACK's patchbay.
+  std::string clientName(const QUrl& url = QUrl()) const;
   bool isDocumentEdited() const { return m_changeCount != 0; }
   // Closed, undone and redone undo groups count by themselves.
   void updateChangeCount(ChangeType change);

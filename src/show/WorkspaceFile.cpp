@@ -654,10 +654,4 @@ void setFileURL(const QUrl& url, const std::vector<std::shared_ptr<Cart>>& carts
   }
 }
 
-std::shared_ptr<KyoAudioDevice> openDeviceWithUID(const std::string& uid) {
-  auto device = KyoAudioDevice::deviceWithUID(uid);
-  if (!device || !device->open()) return nullptr;
-  return device;
-}
-
 }  // namespace WorkspaceFile

@@ -135,9 +135,6 @@ bool readIntoTarget(const QUrl& url, WorkspaceFileTarget& target, SavingError* e
 // now points into the package at its documentPath. Cues not yet saved stay put.
 void setFileURL(const QUrl& url, const std::vector<std::shared_ptr<Cart>>& carts);
 
-// A device that a file names, found again and opened; null if it is not there.
-std::shared_ptr<KyoAudioDevice> openDeviceWithUID(const std::string& uid);
-
 // The media path of a cue inside `packagePath`, or null with the reason when the
 // stored path leads outside the package (absolute, "..", a symbolic link out).
 std::optional<std::string> mediaPathInPackage(const std::string& packagePath, const std::string& relativePath,

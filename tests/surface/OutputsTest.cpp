@@ -176,6 +176,17 @@ TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
   t.window->changeOutputDevice(jackRow());
   ASSERT_EQ(t.workspace()->audioDevice()->deviceUID().rfind("jack:", 0), 0u);
   EXPECT_TRUE(alerts.seen.isEmpty());
+  // Its JACK client carries the show's name, not the order of opening.
+  jack_status_t status{};
+  jack_client_t* probe = jack_client_open("probe", jack_options_t(JackNoStartServer | JackServerName), &status,
+                                          server.name().c_str());
+  ASSERT_TRUE(probe);
+  const std::string client = t.workspace()->clientName();
+  EXPECT_EQ(client, "Sonto " + t.workspace()->displayName().toStdString());
+  const char** ports = jack_get_ports(probe, ("^" + client + ":").c_str(), nullptr, 0);
+  EXPECT_TRUE(ports && ports[0]) << client;
+  jack_free(ports);
+  jack_client_close(probe);
 
   const double lost = KyoMonotonicSeconds();
   server.kill(SIGKILL);

@@ -4,7 +4,10 @@
 
 #include <benchmark/benchmark.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "CycleMeasure.h"
@@ -18,9 +21,9 @@ namespace {
 constexpr double kRate = 48000.0;
 constexpr uint32_t kFrames = 128;
 
-void BM_EngineCycle(benchmark::State& state) {
-  const auto sources = uint32_t(state.range(0));
-  const auto channels = uint32_t(state.range(1));
+// sources, channels, and a meter feed: a thread reading the device's levels of one
+// channel pair 20 times a second, as the window's meter timer does.
+void engineCycle(benchmark::State& state, uint32_t sources, uint32_t channels, bool meterFeed) {
   OfflineDevice dev{channels, kRate, kFrames};
   if (!dev.device || !dev.device->open()) {
     state.SkipWithError("the offline device would not open");
@@ -39,8 +42,32 @@ void BM_EngineCycle(benchmark::State& state) {
     s->_play();
     playing.push_back(std::move(s));
   }
+  std::atomic<bool> stop{false};
+  std::thread feed;
+  if (meterFeed) {
+    feed = std::thread([&] {
+      while (!stop.load()) {
+        for (uint32_t c = 0; c < 2; ++c) {
+          benchmark::DoNotOptimize(dev.device->outPostAveragePowerAtChannel(c));
+          benchmark::DoNotOptimize(dev.device->outPostPeakHoldLevelAtChannel(c));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+      }
+    });
+  }
   sonto::test::measureCycles(state, dev, kRate, kFrames);
+  stop.store(true);
+  if (feed.joinable()) feed.join();
 }
+
+void BM_EngineCycle(benchmark::State& state) {
+  engineCycle(state, uint32_t(state.range(0)), uint32_t(state.range(1)), false);
+}
+
+// The same cycle with and without the meter feed, side by side in one run.
+void BM_EngineCycleMeterFeed(benchmark::State& state) { engineCycle(state, 200, 2, state.range(0) != 0); }
+
+BENCHMARK(BM_EngineCycleMeterFeed)->ArgName("feed")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
 BENCHMARK(BM_EngineCycle)
     ->ArgNames({"sources", "channels"})

@@ -112,7 +112,7 @@ JackServer::JackServer() : m_name(processServerName()) {}
 
 JackServer::~JackServer() { kill(SIGTERM); }
 
-bool JackServer::start(unsigned periodFrames) {
+bool JackServer::start(unsigned periodFrames, unsigned playbackPorts) {
   if (running()) return true;
   if (m_name.empty()) {
     m_error = "every private JACK server name is in use by other test runs";
@@ -122,7 +122,8 @@ bool JackServer::start(unsigned periodFrames) {
   // same name that another test just ended may still hold its socket for a moment.
   for (int attempt = 0; attempt < 3; ++attempt) {
     endOrphanServer(m_name);
-    m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames)});
+    m_pid = spawnQuietly({"jackd", "-n", m_name, "-R", "-d", "dummy", "-r", "48000", "-p", std::to_string(periodFrames),
+                          "-P", std::to_string(playbackPorts)});
     if (m_pid <= 0) {
       m_error = "jackd could not be run";
       m_pid = -1;

@@ -27,9 +27,9 @@ class JackServer {
   JackServer(const JackServer&) = delete;
   JackServer& operator=(const JackServer&) = delete;
 
-  // Starts jackd (48 kHz, the given period) and waits until clients can connect.
-  // False, with the reason in error(), when it would not come up.
-  bool start(unsigned periodFrames = 128);
+  // Starts jackd (48 kHz, the given period and playback ports) and waits until
+  // clients can connect. False, with the reason in error(), when it would not come up.
+  bool start(unsigned periodFrames = 128, unsigned playbackPorts = 2);
   // Ends the server with the signal and reaps it; SIGKILL stands for a crash.
   void kill(int signal);
 

@@ -161,6 +161,11 @@ TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
       if (rows[i].device->deviceUID().rfind("jack:", 0) == 0) return static_cast<int>(i);
     return -1;
   };
+  auto jackRows = [&] {
+    const auto& rows = t.window->outputDevices();
+    return std::count_if(rows.begin(), rows.end(),
+                         [](const auto& row) { return row.device->deviceUID().rfind("jack:", 0) == 0; });
+  };
   auto nullDevice = [&] {
     for (const auto& row : t.window->outputDevices())
       if (row.device->deviceUID() == "null") return row.device.get();
@@ -170,8 +175,9 @@ TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
   KyoAudioDevice* kept = nullDevice();
 
   JackServer server;
-  ASSERT_TRUE(server.start()) << server.error();
+  ASSERT_TRUE(server.start(128, 8)) << server.error();
   ASSERT_TRUE(pumpUntil([&] { return jackRow() >= 0; })) << itemsOf(outputs).join(", ").toStdString();
+  EXPECT_EQ(jackRows(), 7) << "8 ports: the pairs 1/2 to 7/8";
   EXPECT_EQ(nullDevice(), kept) << "a surviving device keeps its object";
   t.window->changeOutputDevice(jackRow());
   ASSERT_EQ(t.workspace()->audioDevice()->deviceUID().rfind("jack:", 0), 0u);
@@ -197,8 +203,9 @@ TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
   EXPECT_EQ(nullDevice(), kept);
   t.workspace()->hardStopAll();  // the show goes on working, on nothing
 
-  ASSERT_TRUE(server.start()) << server.error();
+  ASSERT_TRUE(server.start(128, 2)) << server.error();
   ASSERT_TRUE(pumpUntil([&] { return jackRow() >= 0; }));
+  EXPECT_EQ(jackRows(), 1) << "2 ports: one pair";
   EXPECT_EQ(outputs->currentText(), "Device missing") << "the show's own object died: the operator chooses";
   t.window->changeOutputDevice(jackRow());
   EXPECT_FALSE(t.workspace()->audioDevice()->died());

@@ -399,9 +399,11 @@ bool Workspace::readFromURL(const QUrl& url, SavingError* error) {
   WorkspaceDocument document;
   if (!WorkspaceFile::readPackage(url, document, error)) return false;
   // The device's client takes the show's name (a JACK patchbay finds it by that):
-  // opened again under it, before any cue of the show is on it.
+  // opened again under it, before any cue of the show is on it. Only JACK names its
+  // clients; other devices are left open as they are.
   const std::string name = clientName(url);
-  if (m_audioDevice && m_audioDevice->isOpen() && m_audioDevice->clientName() != name) {
+  if (m_audioDevice && m_audioDevice->isOpen() && m_audioDevice->clientName() != name &&
+      m_audioDevice->deviceUID().rfind("jack:", 0) == 0) {
     m_audioDevice->setClientName(name);
     m_audioDevice->open();
   }

@@ -34,7 +34,6 @@
 #include "surface/GridController.h"
 #include "surface/GridView.h"
 #include "surface/InspectorController.h"
-#include "surface/SontoAudioLevelView.h"
 #include "surface/WorkspaceController.h"
 
 // On a real X server Qt talks to the session bus, and libdbus keeps a buffer of its
@@ -306,7 +305,6 @@ TEST(Screenshot, InspectorOnAStoppedAndAPlayingCue) {
   t.window->updateAudioLevels();  // the meter as its timer would leave it now
   QApplication::processEvents();
   EXPECT_GT(view->cursorPosition(), view->pixelsPerSecond() * 4.0f);
-  EXPECT_GT(t.window->audioLevel()->leftChannelPower(), SontoAudioLevelView::kSilence);
   image = grabFromScreen(t.window);
   EXPECT_TRUE(image.save(artifactsDir() + "/inspector-playing.png", "PNG"));
   cue->hardStop();

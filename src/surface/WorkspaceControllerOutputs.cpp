@@ -108,6 +108,9 @@ void WorkspaceController::updateOutputDevices() {
     m_outputs->setCurrentIndex(m_outputs->findText(outputTitle(*current, m_workspace->deviceChannel())));
   } else {
     KYO_LOG_AT(3, "previously selected device is missing");
+    // What sounded on a device that died will not end by itself: no cycle comes to
+    // finish it. It stops now, so that the pads say what is heard.
+    if (current && current->died()) m_workspace->hardStopAll();
     m_outputs->insertSeparator(m_outputs->count());
     m_outputs->addItem(kDeviceMissing);
     m_outputs->setCurrentIndex(m_outputs->count() - 1);

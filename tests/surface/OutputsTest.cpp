@@ -14,8 +14,11 @@
 #include "SoundTestSupport.h"
 #include "SurfaceTestSupport.h"
 #include "audio/KyoAudioDeviceTestSupport.h"
+#include "show/AudioCue.h"
+#include "show/Cart.h"
 #include "show/Workspace.h"
 #include "surface/CueInspectorController.h"
+#include "surface/GridController.h"
 #include "surface/InspectorController.h"
 #include "surface/SontoAlerts.h"
 #include "surface/SontoAudioLevelView.h"
@@ -153,6 +156,7 @@ TEST(Outputs, TheMeterScaleAndItsGeometry) {
 TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
   if (!JackServer::installed()) GTEST_SKIP() << "jackd is not installed";
   Alerts alerts;
+  EngineSources engine;
   TestWindow t(KyoAudioDevice::deviceWithUID("null"));
   auto* outputs = t.window->findChild<QComboBox*>(QStringLiteral("outputs"));
   auto jackRow = [&]() -> int {
@@ -194,6 +198,13 @@ TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
   jack_free(ports);
   jack_client_close(probe);
 
+  // A long cue sounding on the server when it goes.
+  ASSERT_EQ(dropFiles(t.grid(), {QString::fromStdString(ramp("on-jack.wav", 48000 * 20))}, 0), 1);
+  auto* cue = dynamic_cast<AudioCue*>(t.grid()->cart()->cueAtIndex(0));
+  ASSERT_TRUE(readyToPlay(cue));
+  cue->play();
+  ASSERT_TRUE(pumpUntil([&] { return cue->playing(); }));
+
   const double lost = KyoMonotonicSeconds();
   server.kill(SIGKILL);
   ASSERT_TRUE(pumpUntil([&] { return !alerts.seen.isEmpty() && jackRow() < 0; }));
@@ -201,6 +212,7 @@ TEST(OutputsJack, AServerComingAndGoingUnderTheWindow) {
   EXPECT_EQ(alerts.seen, QStringList{"Device disappeared"});
   EXPECT_EQ(outputs->currentText(), "Device missing");
   EXPECT_EQ(nullDevice(), kept);
+  EXPECT_TRUE(pumpUntil([&] { return !cue->playing(); }, 5)) << "a cue on the lost device stops";
   t.workspace()->hardStopAll();  // the show goes on working, on nothing
 
   ASSERT_TRUE(server.start(128, 2)) << server.error();

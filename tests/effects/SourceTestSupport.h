@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -24,6 +26,10 @@ struct Device {
     if (device && device->open()) device->setDefaultVolumes();
   }
   ~Device() {
+    // A fade's own thread may still hold a source, and so the device: it lets go
+    // within its fade. Otherwise the device could outlive the device layer at exit.
+    // Real time, whatever clock the test installed.
+    for (int i = 0; i < 5000 && device.use_count() > 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
     if (device) device->close();
     device.reset();
     KyoHAL::shared().destroyOfflineDevice(id);

@@ -7,7 +7,7 @@ int sontoInfoCommand(int argc, char** argv);
 // sonto devices: the output device catalogue, the default marked.
 int sontoDevicesCommand(int argc, char** argv);
 
-// sonto check SHOW...: what the reader mended in each show, and its cues that will not play.
+// sonto check [--json] SHOW...: what the reader mended in each show, and the safety check's concerns.
 int sontoCheckCommand(int argc, char** argv);
 
 // sonto render WORKSPACE -o OUT.wav [...]: the show rendered offline, with a script of triggers.

@@ -13,12 +13,13 @@ void usage(FILE* stream) {
                "usage: sonto [WORKSPACE...]\n"
                "       sonto info FILE...\n"
                "       sonto devices\n"
-               "       sonto check SHOW...\n"
+               "       sonto check [--json] SHOW...\n"
                "       sonto render WORKSPACE -o OUT.wav [--rate HZ] [--buffer FRAMES] [--seconds S] [--events FILE]\n"
                "  (no command)   opens the window: an untitled show, or the shows given\n"
                "  info FILE...   what Sonto's file reader makes of each audio file\n"
                "  devices        the output devices, the default marked\n"
-               "  check          what was mended in each show's file, and its cues that will not play\n"
+               "  check          the safety check of each show: broken cues, clashing triggers, cues\n"
+               "                 outside the grid, and what was mended in its file (--json: as JSON)\n"
                "  render         the show rendered offline to a WAV, with a script of keys and notes\n");
 }
 }  // namespace

@@ -166,10 +166,10 @@ class AudioCue : public Cue, public std::enable_shared_from_this<AudioCue> {
   void closeEffectEditors();
 
   // MIDI trigger: status, note, second data byte. Empty until a note is set.
-  const QByteArray& midiTrigger() const { return m_midiTrigger; }
+  const QByteArray& midiTrigger() const override { return m_midiTrigger; }
   void setMidiTrigger(const QByteArray& trigger);
   // Null while there is no trigger: such a cue matches no message.
-  std::optional<int> midiNote() const;
+  std::optional<int> midiNote() const override;
   void setMidiNote(int note);
   void setMidiTriggerFrom(const SontoMIDIMessage& message);
   int midiTriggerCommand() const;

@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ class CartWorkspace {
   virtual SontoLogger* logger() = 0;
   // Seconds of a cue's panic fade; 0 cuts at once.
   virtual float panicDuration() { return 1.0f; }
+  // The display strings of the workspace's own keys, which a cue's key would clash with.
+  virtual std::set<std::string> reservedHotkeys() { return {}; }
 };
 
 struct CartSize {

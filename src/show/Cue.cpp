@@ -44,6 +44,11 @@ const std::string& Cue::hotkey() const {
   return none;
 }
 
+const QByteArray& Cue::midiTrigger() const {
+  static const QByteArray none;
+  return none;
+}
+
 void Cue::panic() {
   KYO_LOG_AT(3, "   panic %s", description().c_str());
   _panicAction();

@@ -2,9 +2,11 @@
 // The playable item of a cart. AudioCue is the one concrete kind. Main thread,
 // except that a save reads the records from its own thread.
 
+#include <QByteArray>
 #include <QObject>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -43,6 +45,9 @@ class Cue : public QObject {
 
   // What a cart asks of every cue; a kind of cue answers for itself.
   virtual const std::string& hotkey() const;
+  // The captured MIDI message that fires the cue, and its note; empty when none.
+  virtual const QByteArray& midiTrigger() const;
+  virtual std::optional<int> midiNote() const { return std::nullopt; }
   virtual bool isDead() const { return false; }
   virtual void setDead(bool dead) {}
   virtual std::string file() const { return {}; }

@@ -131,6 +131,7 @@ class Workspace : public QObject, public CartWorkspace, public WorkspaceFileTarg
   const WorkspaceSettings& settings() const { return m_settings; }
   // Seconds of a panic fade; 0 cuts at once.
   float panicDuration() override { return m_settings.panicDuration(); }
+  std::set<std::string> reservedHotkeys() override { return m_settings.hotkeys(); }
   void setPanicDuration(float seconds) { m_settings.setPanicDuration(seconds); }
   // 0 is any channel, else 1 to 16.
   long midiChannel() const { return m_settings.midiChannel(); }

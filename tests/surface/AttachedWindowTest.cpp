@@ -1,10 +1,12 @@
 // The attached window: box and arrow on each side, the setters' bounds, the side chosen
-// near the screen's edges, and following the anchor window.
+// near the screen's edges, following the anchor window, and the popover's keys.
 #include <gtest/gtest.h>
 
+#include <QKeyEvent>
+#include <QSignalSpy>
 #include <QTest>
 
-#include "KyoUI/MAAttachedWindow.h"
+#include "KyoUI/PopoverWindow.h"
 #include "SurfaceTestSupport.h"
 
 namespace {
@@ -16,6 +18,11 @@ double gapToOutline(const QPainterPath& path, QPointF windowOrigin, QPointF poin
     best = std::min(best, QLineF(windowOrigin + QPointF(path.elementAt(i)), point).length());
   return best;
 }
+
+struct KeyRecorder : QWidget {
+  QList<int> keys;
+  void keyPressEvent(QKeyEvent* event) override { keys << event->key(); }
+};
 
 }  // namespace
 
@@ -103,4 +110,29 @@ TEST(AttachedWindow, FollowsItsAnchorWindowWhenItMoves) {
     ASSERT_TRUE(pumpUntil([&] { return anchor.geometry().topLeft() == from + QPoint(30, -20); }, 5));
     EXPECT_EQ(window.geometry(), before.translated(30, -20));
   }
+}
+
+TEST(PopoverWindow, PassesEveryKeyButReturnAndEnterToItsParentAndResigns) {
+  for (Qt::Key key : {Qt::Key_Q, Qt::Key_Escape, Qt::Key_Return, Qt::Key_Enter}) {
+    SCOPED_TRACE(key);
+    const bool passedOn = key != Qt::Key_Return && key != Qt::Key_Enter;
+    KeyRecorder parent;
+    PopoverWindow popover(new QWidget, {200, 200}, MAPositions::Above, &parent);
+    QSignalSpy resigned(&popover, &PopoverWindow::didResignKey);
+    QTest::keyClick(&popover, key);
+    EXPECT_EQ(parent.keys, passedOn ? QList<int>{key} : QList<int>{});
+    EXPECT_EQ(resigned.count(), passedOn ? 1 : 0);
+  }
+}
+
+TEST(PopoverWindow, ResignsWhenAnotherWindowIsActivated) {
+  QWidget parent;
+  parent.show();
+  PopoverWindow popover(new QWidget, {200, 200}, MAPositions::Above, &parent);
+  QSignalSpy resigned(&popover, &PopoverWindow::didResignKey);
+  popover.show();
+  popover.activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(&popover));
+  parent.activateWindow();
+  EXPECT_TRUE(pumpUntil([&] { return resigned.count() == 1; }, 5));
 }

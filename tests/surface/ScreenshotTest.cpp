@@ -9,6 +9,8 @@
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QImage>
+#include <QLabel>
+#include <QPainter>
 #include <QLineEdit>
 #include <QPixmap>
 #include <QPushButton>
@@ -35,6 +37,8 @@
 #include "surface/GridView.h"
 #include "surface/InspectorController.h"
 #include "surface/WorkspaceController.h"
+#include "surface/SontoTheme.h"
+#include "KyoUI/PopoverWindow.h"
 
 // On a real X server Qt talks to the session bus, and libdbus keeps a buffer of its
 // own to the end of the process: not ours to free, so LeakSanitizer is told.
@@ -308,4 +312,31 @@ TEST(Screenshot, InspectorOnAStoppedAndAPlayingCue) {
   image = grabFromScreen(t.window);
   EXPECT_TRUE(image.save(artifactsDir() + "/inspector-playing.png", "PNG"));
   cue->hardStop();
+}
+
+// The warning popover on the dark window, on four sides: arrows down, up, right and
+// (square corner beside it) down at the box's left end. Painted, not grabbed, so the
+// offscreen run makes it too; each box must show its white border.
+TEST(Screenshot, AttachedWindowSides) {
+  const QColor dark = SontoTheme::darkPalette().window().color();
+  const int sides[] = {MAPositions::Above, MAPositions::Below, MAPositions::Left, MAPositions::AboveGoingRight};
+  QImage image(4 * 260, 180, QImage::Format_RGB32);
+  image.fill(dark);
+  QPainter painter(&image);
+  for (int i = 0; i < 4; ++i) {
+    auto* label = new QLabel(QStringLiteral("2 cues need a look\nbefore the show"));
+    label->setContentsMargins(10, 6, 10, 6);
+    label->adjustSize();
+    PopoverWindow popover(label, QPointF(260 * i + (i == 3 ? 40 : 130), 90), sides[i], nullptr);
+    popover.setDrawsRoundCornerBesideArrow(i != 3);
+    const QPoint at = popover.geometry().topLeft();
+    popover.render(&painter, at, QRegion(), QWidget::DrawChildren);
+    const QImage cell = image.copy(QRect(at, popover.size()));
+    int white = 0;
+    for (int y = 0; y < cell.height(); ++y)
+      for (int x = 0; x < cell.width(); ++x) white += qGray(cell.pixel(x, y)) > 240;
+    EXPECT_GT(white, 2 * (cell.width() + cell.height())) << sides[i];
+  }
+  painter.end();
+  EXPECT_TRUE(image.save(artifactsDir() + "/attached-window.png", "PNG"));
 }

@@ -14,7 +14,7 @@ void PopoverWindow::resignKey() {
 }
 
 bool PopoverWindow::event(QEvent* event) {
-  if (event->type() == QEvent::WindowActivate) m_resigned = false;
+  if (event->type() == QEvent::WindowActivate || event->type() == QEvent::Show) m_resigned = false;
   if (event->type() == QEvent::WindowDeactivate) resignKey();
   return MAAttachedWindow::event(event);
 }

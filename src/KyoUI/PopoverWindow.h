@@ -15,8 +15,8 @@ class PopoverWindow : public MAAttachedWindow {
   // popover stays above and whose moves it follows.
   PopoverWindow(QWidget* view, QPointF screenPoint, int side, QWidget* parentWindow);
 
-  // Gives up the key status: didResignKey, once until the popover is active again, and
-  // the parent window becomes active.
+  // Gives up the key status: didResignKey, once until the popover is shown or active
+  // again, and the parent window becomes active.
   void resignKey();
 
  signals:

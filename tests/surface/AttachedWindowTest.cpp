@@ -67,8 +67,8 @@ TEST(AttachedWindowGeometry, AutomaticSideKeepsTheBoxOnTheScreen) {
       {{0, 0, 150, 800}, {30, 790}, MAPositions::AboveGoingRight},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.point.x());
-    EXPECT_EQ((MAAttachedWindowGeometry{.viewSize = {100, 60}}).bestSide(row.point, row.screen, row.screen), row.side);
+    EXPECT_EQ((MAAttachedWindowGeometry{.viewSize = {100, 60}}).bestSide(row.point, row.screen, row.screen), row.side)
+        << row.point.x();
   }
 }
 
@@ -120,8 +120,10 @@ TEST(PopoverWindow, PassesEveryKeyButReturnAndEnterToItsParentAndResigns) {
     PopoverWindow popover(new QWidget, {200, 200}, MAPositions::Above, &parent);
     QSignalSpy resigned(&popover, &PopoverWindow::didResignKey);
     QTest::keyClick(&popover, key);
-    EXPECT_EQ(parent.keys, passedOn ? QList<int>{key} : QList<int>{});
-    EXPECT_EQ(resigned.count(), passedOn ? 1 : 0);
+    popover.hide(), popover.show();  // shown again by its owner: it may resign again
+    QTest::keyClick(&popover, key);
+    EXPECT_EQ(parent.keys, passedOn ? QList<int>(2, key) : QList<int>{});
+    EXPECT_EQ(resigned.count(), passedOn ? 2 : 0);
   }
 }
 

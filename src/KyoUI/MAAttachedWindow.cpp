@@ -185,8 +185,7 @@ MAAttachedWindow::MAAttachedWindow(QWidget* view, QPointF point, QWidget* window
   if (!view) return;
   m_geometry.viewSize = view->size();
   m_screenPoint = toScreen(point);
-  m_side = side == MAPositions::Automatic ? m_geometry.bestSide(m_screenPoint, screenRect(), anchorFrame())
-                                          : std::clamp(side, 0, 11);
+  m_side = resolvedSide(side);
   view->setParent(this);
   view->show();
   updateAttachedGeometry();
@@ -197,6 +196,11 @@ MAAttachedWindow::MAAttachedWindow(QWidget* view, QPointF point, QWidget* window
 MAAttachedWindow* MAAttachedWindow::create(QWidget* view, QPointF point, QWidget* window, int side, float distance,
                                            QWidget* parent) {
   return view ? new MAAttachedWindow(view, point, window, side, distance, parent) : nullptr;
+}
+
+int MAAttachedWindow::resolvedSide(int side) const {
+  if (side == MAPositions::Automatic) return m_geometry.bestSide(m_screenPoint, screenRect(), anchorFrame());
+  return std::clamp(side, 0, 11);
 }
 
 QPointF MAAttachedWindow::toScreen(QPointF point) const { return m_window ? m_window->mapToGlobal(point) : point; }
@@ -238,8 +242,8 @@ void MAAttachedWindow::redisplay() {
 
 void MAAttachedWindow::setPoint(QPointF point, int side) {
   m_point = point;
-  m_side = std::clamp(side, 0, 11);
   m_screenPoint = toScreen(point);
+  m_side = resolvedSide(side);
   updateAttachedGeometry();
   update();
 }

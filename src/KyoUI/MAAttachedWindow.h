@@ -91,6 +91,7 @@ class MAAttachedWindow : public QWidget {
   QPointF screenPoint() const { return m_screenPoint; }
   const MAAttachedWindowGeometry& geometryValues() const { return m_geometry; }
 
+  // Side 12 chooses again for the new point.
   void setPoint(QPointF point, int side);
 
   QColor borderColor() const { return m_borderColor; }
@@ -124,6 +125,8 @@ class MAAttachedWindow : public QWidget {
   QRectF screenRect() const;
   QRectF anchorFrame() const;
   QPointF toScreen(QPointF point) const;
+  // Side 12 becomes the best side for the present point.
+  int resolvedSide(int side) const;
   void watchAnchor();
   // Not QWidget::updateGeometry, which tells layouts of a changed size hint.
   void updateAttachedGeometry();

@@ -91,6 +91,8 @@ TEST(AttachedWindow, SettersKeepTheirBoundsAndTheWindowFollowsTheView) {
   window.show();
   view->resize(80, 50);
   EXPECT_EQ(window.geometry(), QRect(300 - 40, 300 - 66, 80, 66));
+  window.setPoint({300, 100}, MAPositions::Automatic);  // room below on any test screen
+  EXPECT_EQ(window.side(), MAPositions::Below);
 }
 
 TEST(AttachedWindow, FollowsItsAnchorWindowWhenItMoves) {

@@ -230,6 +230,16 @@ void MAAttachedWindow::updateAttachedGeometry() {
   setGeometry(QRect(QPoint(qRound(frame.x()), qRound(frame.y())),
                     QSize(static_cast<int>(std::ceil(frame.width())), static_cast<int>(std::ceil(frame.height())))));
   m_view->setGeometry(m_viewFrame.toRect());
+  updateMask();
+}
+
+// Where no compositor blends the translucent corners, the window would show them as
+// black: the mask keeps the window to the box, one pixel wider for the smooth edge.
+void MAAttachedWindow::updateMask() {
+  const QPainterPath path = m_geometry.backgroundPath(m_side);
+  QPainterPathStroker rim;
+  rim.setWidth(2.0);
+  setMask(QRegion(rim.createStroke(path).united(path).toFillPolygon().toPolygon()));
 }
 
 void MAAttachedWindow::redisplay() {
@@ -285,6 +295,7 @@ void MAAttachedWindow::setArrowHeight(float value) {
 void MAAttachedWindow::setHasArrow(bool value) {
   if (value == m_geometry.hasArrow) return;
   m_geometry.hasArrow = value;
+  updateMask();
   update();
 }
 

@@ -130,6 +130,7 @@ class MAAttachedWindow : public QWidget {
   void watchAnchor();
   // Not QWidget::updateGeometry, which tells layouts of a changed size hint.
   void updateAttachedGeometry();
+  void updateMask();
   void redisplay();
 
   QColor m_borderColor = Qt::white;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,7 +68,12 @@ TEST(KyoAudioFileThreadTest, PositionedOnOneThreadAndReadOnAnother) {
 TEST(KyoAudioFileThreadTest, ReadersOnTheirOwnThreadsDoNotDisturbEachOther) {
   const std::vector<Source> sources = makeSources();
   constexpr int kThreads = 4;
-  std::atomic<int> failures{0};
+  std::mutex lock;
+  std::vector<std::string> failures;  // which reader, which round, what went wrong
+  auto fail = [&](const Source& source, int round, const std::string& what) {
+    std::lock_guard<std::mutex> hold(lock);
+    failures.push_back(source.path + " round " + std::to_string(round) + ": " + what);
+  };
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
@@ -75,18 +81,16 @@ TEST(KyoAudioFileThreadTest, ReadersOnTheirOwnThreadsDoNotDisturbEachOther) {
       // Opening on the worker too: both decoders' open paths run side by side.
       for (int round = 0; round < 3; ++round) {
         auto file = openFile(source.path);
-        if (!file->validFile()) {
-          ++failures;
-          return;
-        }
+        if (!file->validFile()) return fail(source, round, "not valid");
         file->setReadFormat(KyoAudioStreamDescription(source.rate, source.channels));
         int64_t start = 1000 * (t + 1) + round;
         file->goToFrame(start);
         Channels got = readSome(*file, source.channels, 5000, 256 + 64 * uint32_t(t));
-        if (got[0].size() != 5000u || checkRamp(got, start) != -1) ++failures;
+        if (got[0].size() != 5000u) fail(source, round, std::to_string(got[0].size()) + " frames read");
+        if (const int64_t at = checkRamp(got, start); at != -1) fail(source, round, "wrong at " + std::to_string(at));
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(failures.load(), 0);
+  for (const std::string& failure : failures) ADD_FAILURE() << failure;
 }

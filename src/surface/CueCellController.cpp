@@ -42,6 +42,9 @@ QPainterPath roundedPath(const QRectF& rect, double q) {
   return path;
 }
 
+// The colour of a cue that will not play.
+const QColor kBrokenAmber(255, 196, 52);
+
 // Soft shadow under a path: a few widening strokes of falling alpha, since QPainter
 // has no blur of its own.
 void strokeGlow(QPainter& painter, const QPainterPath& path, QColor color, double blur) {
@@ -578,6 +581,7 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   AudioCue* cue = m_controller->audioCue();
   Cue* plain = m_controller->cue();
   const bool locked = m_controller->isLocked();
+  const bool broken = plain->isBroken();
   const QPainterPath pad = roundedPath(r, 5.0);
 
   if (!m_pressed && !m_controller->isSelected()) {
@@ -600,6 +604,12 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   const double footHeight = 34.0;
   const SontoTheme::PadTextStyle timeStyle = SontoTheme::padTextStyle(color, SontoTheme::PadText::Time);
   painter.fillRect(QRectF(r.x(), r.bottom() - footHeight, r.width(), footHeight), timeStyle.plate);
+  if (broken) {
+    // Dimmed and hatched in amber: a pad that will not play, seen from the back of the booth.
+    painter.fillRect(rect(), black(0.4));
+    painter.setPen(QPen(kBrokenAmber.darker(160), 7.0));
+    for (double x = -height(); x < width(); x += 22.0) painter.drawLine(QPointF(x, height()), QPointF(x + height(), 0.0));
+  }
   painter.restore();
 
   painter.save();
@@ -647,9 +657,26 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
     textTop = r.y() + 34.0;
   }
 
+  double iconsRight = r.right() - (locked ? 24.0 : 28.0);
+  if (broken) {
+    // The warning sign, rightmost, where the eye looks for the pad's state.
+    const QRectF sign(iconsRight - 4.0, r.y() + 6.0, 22.0, 20.0);
+    QPolygonF triangle;
+    triangle << QPointF(sign.center().x(), sign.top()) << sign.bottomRight() << sign.bottomLeft();
+    painter.setPen(QPen(black(0.6), 1.0));
+    painter.setBrush(kBrokenAmber);
+    painter.drawPolygon(triangle);
+    font.setPixelSize(13);
+    font.setBold(true);
+    painter.setFont(font);
+    painter.setPen(Qt::black);
+    painter.drawText(sign.adjusted(0.0, 5.0, 0.0, 0.0), Qt::AlignCenter, QStringLiteral("!"));
+    iconsRight -= 26.0;
+  }
+
   // Icons for hold, loop and solo, hold rightmost.
   if (cue) {
-    double x = r.right() - (locked ? 24.0 : 28.0);
+    double x = iconsRight;
     font.setPixelSize(11);
     font.setBold(true);
     painter.setFont(font);
@@ -707,6 +734,17 @@ void CueCellView::paintCue(QPainter& painter, const QRectF& r) {
   const QRectF times(r.x() + 8.0, r.bottom() - footHeight + 1.0, r.width() - 16.0, 18.0);
   SontoTheme::PadTextStyle onStrip = timeStyle;
   onStrip.plate = Qt::transparent;  // the strip is their plate
+  if (broken) {
+    // Why, in place of times that will not run.
+    onStrip.text = kBrokenAmber;
+    font.setPixelSize(12);
+    painter.setFont(font);
+    const QString why = painter.fontMetrics().elidedText(qString(plain->brokenExplanation()), Qt::ElideRight,
+                                                         static_cast<int>(times.width()));
+    drawPadText(painter, times.adjusted(0.0, 0.0, 0.0, 8.0), Qt::AlignLeft | Qt::AlignVCenter, why, onStrip);
+    painter.restore();
+    return;
+  }
   drawPadText(painter, times, Qt::AlignLeft | Qt::AlignVCenter, m_controller->elapsedTime(), onStrip);
   drawPadText(painter, times, Qt::AlignRight | Qt::AlignVCenter, m_controller->remainingTime(), onStrip);
 

@@ -37,6 +37,7 @@ class GridController : public QObject {
 
   GridView* gridView() const { return m_gridView; }
   Cart* cart() const { return m_cart.get(); }
+  const std::shared_ptr<Cart>& sharedCart() const { return m_cart; }
   WorkspaceController* workspaceController() const { return m_workspaceController; }
   Workspace* workspace() const;
   SontoUndoManager* undoManager() const;

@@ -1,11 +1,11 @@
 #include "surface/InspectorController.h"
 
 #include <QEvent>
-#include <QLabel>
-#include <QVBoxLayout>
+#include <QTableWidget>
 #include <QVariantAnimation>
 
 #include "show/AudioCue.h"
+#include "surface/BrokenCueController.h"
 #include "surface/CueInspectorController.h"
 #include "surface/WorkspaceController.h"
 
@@ -13,17 +13,10 @@ InspectorController::InspectorController(WorkspaceController* workspaceControlle
     : QObject(pane), m_workspaceController(workspaceController), m_inspectorView(pane) {
   m_cueInspectorController = std::make_unique<CueInspectorController>(workspaceController, m_inspectorView);
 
-  // The slot of the broken cue list: the safety check fills it.
+  // The slot of the broken cue list: the safety check's controller fills it.
   m_brokenCueView = new QWidget(m_inspectorView);
   m_brokenCueView->setObjectName(QStringLiteral("brokenCueView"));
   m_brokenCueView->setAutoFillBackground(true);
-  auto* layout = new QVBoxLayout(m_brokenCueView);
-  auto* title = new QLabel(QStringLiteral("Broken Cues"), m_brokenCueView);
-  QFont font = title->font();
-  font.setBold(true);
-  title->setFont(font);
-  layout->addWidget(title);
-  layout->addStretch(1);
   m_brokenCueView->setGeometry(frameForBrokenCueView());
   m_inspectorView->installEventFilter(this);
   refreshInspector();
@@ -64,6 +57,7 @@ QRect InspectorController::frameForBrokenCueView() const {
 
 void InspectorController::showBrokenCueView() {
   if (!m_workspaceController) return;
+  if (m_brokenCueController) m_brokenCueController->hidePopover();
   m_workspaceController->setEditMode();
   m_workspaceController->showInspector();
   if (!m_brokenCueViewIsVisible) toggleBrokenCueView();
@@ -87,8 +81,12 @@ void InspectorController::toggleBrokenCueView() {
   } else {
     window->showInspector();
     slide();
-    m_brokenCueView->setFocus(Qt::OtherFocusReason);
+    if (m_brokenCueController) {
+      m_brokenCueController->hidePopover();
+      m_brokenCueController->brokenCueTableView()->setFocus(Qt::OtherFocusReason);
+    }
   }
+  if (m_brokenCueController) m_brokenCueController->reloadData();
   refreshInspector();
 }
 

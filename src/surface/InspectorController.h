@@ -14,6 +14,7 @@
 #include "show/SontoMIDIMessage.h"
 
 class AudioCue;
+class BrokenCueController;
 class CueInspectorController;
 class QVariantAnimation;
 class WorkspaceController;
@@ -32,6 +33,8 @@ class InspectorController : public QObject {
   CueInspectorController* cueInspectorController() const { return m_cueInspectorController.get(); }
   QWidget* brokenCueView() const { return m_brokenCueView; }
   bool brokenCueViewIsVisible() const { return m_brokenCueViewIsVisible; }
+  BrokenCueController* brokenCueController() const { return m_brokenCueController; }
+  void setBrokenCueController(BrokenCueController* controller) { m_brokenCueController = controller; }
 
   AudioCue* cue() const;
   void setCue(std::shared_ptr<AudioCue> cue);
@@ -56,6 +59,7 @@ class InspectorController : public QObject {
   QWidget* m_inspectorView;
   std::unique_ptr<CueInspectorController> m_cueInspectorController;
   QWidget* m_brokenCueView = nullptr;
+  BrokenCueController* m_brokenCueController = nullptr;
   bool m_brokenCueViewIsVisible = false;
   QPointer<QVariantAnimation> m_slide;
 };

@@ -36,6 +36,7 @@
 #include "surface/CueCellController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "surface/BrokenCueController.h"
 #include "surface/CueInspectorController.h"
 #include "surface/InspectorController.h"
 #include "surface/LogController.h"
@@ -90,6 +91,9 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   layout->addWidget(m_splitView, 1);
   layout->addWidget(buildBottomBar());
   setCentralWidget(central);
+  m_brokenCueController =
+      new BrokenCueController(this, m_inspectorController, m_inspectorController->brokenCueView(), m_warningButton);
+  m_inspectorController->setBrokenCueController(m_brokenCueController);
 
   buildMenus();
 
@@ -110,16 +114,20 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   connect(m_workspace, &Workspace::fileURLChanged, this, &WorkspaceController::updateTitle);
   connect(m_workspace, &Workspace::cartsChanged, this, &WorkspaceController::syncGridControllers);
   connect(m_workspace->undoManager(), &SontoUndoManager::checkpoint, this, &WorkspaceController::updateMenus);
+  // Every editing step asks for a new check; a burst of them costs one.
+  connect(m_workspace->undoManager(), &SontoUndoManager::checkpoint, this, &WorkspaceController::refreshBrokenCues);
+  connect(m_workspace, &Workspace::cartsChanged, this, &WorkspaceController::refreshBrokenCues);
 
-  // A show file opened locked goes straight to show mode.
+  // A show file opened locked goes straight to show mode, without the check.
   if (m_workspace->isLocked()) {
-    setShowMode();
+    enterShowMode();
   } else {
     setEditMode();
   }
   updateTitle();
   updateMenus();
   makeCartFirstResponder();
+  m_brokenCueController->reloadData();
   SontoDocumentController::sharedDocumentController().addDocument(this);
 }
 
@@ -149,6 +157,17 @@ QWidget* WorkspaceController::buildBottomBar() {
   auto* layout = new QHBoxLayout(bar);
   layout->setContentsMargins(10, 8, 10, 8);
   layout->setSpacing(10);
+
+  // The safety check's warning, shown only when it found something.
+  m_warningButton = new QPushButton(bar);
+  m_warningButton->setObjectName(QStringLiteral("warningButton"));
+  m_warningButton->setToolTip(QStringLiteral("What the safety check found in this show"));
+  m_warningButton->setFocusPolicy(Qt::NoFocus);
+  m_warningButton->setMinimumHeight(40);
+  m_warningButton->setStyleSheet(
+      QStringLiteral("QPushButton { background: rgb(90, 70, 20); color: rgb(255, 205, 70); font-weight: bold;"
+                     " padding: 0 10px; border: 1px solid rgb(160, 120, 30); border-radius: 4px; }"));
+  layout->addWidget(m_warningButton);
 
   // The level meter, left of the buttons.
   m_audioLevel = new SontoAudioLevelView(bar);
@@ -321,6 +340,8 @@ void WorkspaceController::buildMenus() {
   m_toggleInspectorAction = show->addAction(QStringLiteral("Toggle Inspector"), this, &WorkspaceController::toggleInspector);
   m_toggleInspectorAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_I));
   m_toggleInspectorAction->setCheckable(true);
+  // The safety check's list in the inspector's place, and back to the cue.
+  show->addAction(QStringLiteral("Toggle Warnings"), this, &WorkspaceController::toggleBrokenCueView);
   show->addSeparator();
   m_newTabAction = show->addAction(QStringLiteral("New Cart"), this, &WorkspaceController::newTab);
   m_renameCartAction = show->addAction(QStringLiteral("Rename Cart\u2026"), this, &WorkspaceController::renameCart);
@@ -433,6 +454,17 @@ void WorkspaceController::makeCartFirstResponder() {
   if (GridController* controller = selectedController()) controller->gridView()->setFocus(Qt::OtherFocusReason);
 }
 
+std::vector<SafetyConcern> WorkspaceController::brokenOrFlaggedCues() const {
+  std::vector<std::shared_ptr<Cart>> carts;
+  carts.reserve(m_gridControllers.size());
+  for (const auto& controller : m_gridControllers) carts.push_back(controller->sharedCart());
+  return SafetyConcern::brokenOrFlaggedCues(carts);
+}
+
+void WorkspaceController::refreshBrokenCues() {
+  if (m_brokenCueController && !inShowMode()) m_brokenCueController->reloadData();
+}
+
 void WorkspaceController::selectCue(const Cue* cue) {
   if (!cue) return;
   for (const auto& controller : m_gridControllers) {
@@ -452,6 +484,22 @@ bool WorkspaceController::inShowMode() const { return m_modeButton->checkedId() 
 void WorkspaceController::toggleMode() { isLocked() ? setEditMode() : setShowMode(); }
 
 void WorkspaceController::setShowMode() {
+  if (!m_workspace) return;
+  if (m_workspace->settings().shouldPerformSafetyChecks()) {
+    performSafetyChecksAndLock();
+    return;
+  }
+  enterShowMode();
+}
+
+// The popover shows the last finished check: this one is only asked for.
+void WorkspaceController::performSafetyChecksAndLock() {
+  m_brokenCueController->reloadData();
+  m_brokenCueController->showPopoverIfNeeded();
+  enterShowMode();
+}
+
+void WorkspaceController::enterShowMode() {
   if (!m_workspace) return;
   m_workspace->setLocked(true);
   m_showModeButton->setChecked(true);
@@ -852,7 +900,7 @@ void WorkspaceController::workspaceDidRead() {
   if (!m_workspace) return;
   syncGridControllers();
   if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
-  m_workspace->isLocked() ? setShowMode() : setEditMode();
+  m_workspace->isLocked() ? enterShowMode() : setEditMode();
   updateVolumeSlider();
   updatePauseButton();
   updateDuckingButton();
@@ -923,6 +971,10 @@ void WorkspaceController::invalidate() {
   }
   stopOutputs();
   m_closingAfterSave = false;
+  if (m_brokenCueController) {
+    m_brokenCueController->prepareToDie();
+    m_brokenCueController->hidePopover();
+  }
   if (m_logController) m_logController->close();
   if (m_settingsController) m_settingsController->close();
   if (m_workspace) {

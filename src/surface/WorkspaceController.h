@@ -16,8 +16,10 @@
 #include "foundation/KyoClock.h"
 #include "foundation/KyoHotKey.h"
 #include "foundation/KyoNotificationCenter.h"
+#include "show/SafetyConcern.h"
 #include "show/SontoMIDIMessage.h"
 
+class BrokenCueController;
 class Cue;
 class KyoAudioDevice;
 class QComboBox;
@@ -90,12 +92,25 @@ class WorkspaceController : public QMainWindow {
   void toggleBrokenCueView();
   static constexpr int kMinimumPaneHeight = 200;
 
+  // --- The safety check ---
+  // Every cart's concerns, cart after cart in the order of the tabs.
+  std::vector<SafetyConcern> brokenOrFlaggedCues() const;
+  // Asks for a new check, unless in show mode, where the check rests.
+  void refreshBrokenCues();
+  // The check on going into show mode: it warns and never refuses.
+  void performSafetyChecksAndLock();
+  BrokenCueController* brokenCueController() const { return m_brokenCueController; }
+  QPushButton* warningButton() const { return m_warningButton; }
+
   // Modes: show mode is the document's lock.
   bool isLocked() const;
   bool inEditMode() const;
   bool inShowMode() const;
   void toggleMode();
+  // The operator's way in: with the setting on, the safety check runs first.
   void setShowMode();
+  // The way in of a show opened or reverted locked: no check.
+  void enterShowMode();
   void setEditMode();
 
   // The way of a key. Answers whether the event was taken.
@@ -239,6 +254,8 @@ class WorkspaceController : public QMainWindow {
   SettingsController* m_settingsController = nullptr;
   LogController* m_logController = nullptr;
   InspectorController* m_inspectorController = nullptr;
+  BrokenCueController* m_brokenCueController = nullptr;
+  QPushButton* m_warningButton = nullptr;
   // Set while the window waits for the save that its close asked for.
   bool m_closingAfterSave = false;
 };

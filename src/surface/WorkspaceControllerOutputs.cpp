@@ -121,6 +121,8 @@ void WorkspaceController::updateOutputDevices() {
                                           "it or choose a different device."));
   }
   KYO_LOG_AT(3, "Finished refreshing devices");
+  // A cue on a device that went, or came back, is broken or mended.
+  refreshBrokenCues();
 }
 
 void WorkspaceController::changeOutputDevice(int index) {
@@ -138,6 +140,7 @@ void WorkspaceController::changeOutputDevice(int index) {
   }
   if (!m_workspace->changeOutputDevice(row.device, row.channel)) return;
   m_workspace->updateChangeCount(Workspace::ChangeType::Done);
+  refreshBrokenCues();
 }
 
 void WorkspaceController::updateAudioLevels() {

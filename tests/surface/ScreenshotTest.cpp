@@ -14,6 +14,7 @@
 #include <QLineEdit>
 #include <QPixmap>
 #include <QPushButton>
+#include <QTableWidget>
 #include <QScreen>
 #include <QSet>
 #include <QTest>
@@ -28,9 +29,11 @@
 #include "SurfaceTestSupport.h"
 #include "foundation/SontoColor.h"
 #include "show/AudioCue.h"
+#include "show/Workspace.h"
 #include "show/WorkspaceFile.h"
 #include "surface/AudioWaveform.h"
 #include "surface/AudioWaveformView.h"
+#include "surface/BrokenCueController.h"
 #include "surface/CueCellController.h"
 #include "surface/CueInspectorController.h"
 #include "surface/GridController.h"
@@ -339,4 +342,49 @@ TEST(Screenshot, AttachedWindowSides) {
   }
   painter.end();
   EXPECT_TRUE(image.save(artifactsDir() + "/attached-window.png", "PNG"));
+}
+
+// The safety check: broken and clashing pads, the warning button and the list in the
+// inspector's place; then show mode with the popover over the warning button, grabbed
+// from the screen since the popover is a window of its own.
+TEST(Screenshot, SafetyCheckListAndPopover) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  FakeSources sources(true);
+  TestWindow t;
+  t.window->resize(1180, 780);
+  GridController* grid = t.grid();
+  grid->setCartSize({4.0f, 2.0f});
+  const std::vector<std::tuple<const char*, const char*, bool, SontoColor>> pads = {
+      {"Overture", "1", true, SontoColor::blueColor()},   {"Thunder", "2", false, SontoColor::redColor()},
+      {"Rain loop", "3", true, SontoColor::greenColor()}, {"Door bell", "3", true, SontoColor::yellowColor()},
+      {"Phone", "[", true, SontoColor::orangeColor()},    {"Applause", "Q", false, SontoColor::purpleColor()}};
+  for (size_t i = 0; i < pads.size(); ++i) {
+    const auto& [name, key, valid, colour] = pads[i];
+    sources.valid = valid;
+    auto cue = AudioCue::createWithFile(std::string("/show/") + name + ".wav", t.workspace()->audioDevice());
+    cue->setName(name);
+    cue->setHotkey(key);
+    cue->setColor(colour);
+    cue->setEndTimeValue(42.0);
+    grid->addCue(cue, static_cast<unsigned>(i));
+  }
+  BrokenCueController* list = t.window->brokenCueController();
+  ASSERT_TRUE(pumpUntil([&] { return list->brokenCueTableView()->rowCount() == 4; }));
+  t.window->toggleBrokenCueView();
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
+  pumpUntil([] { return false; }, 0.4);  // the slide
+  EXPECT_FALSE(list->warningButton()->isHidden());
+  const QImage image = grabFromScreen(t.window);
+  EXPECT_GT(distinctColours(image), 64);
+  EXPECT_TRUE(image.save(artifactsDir() + "/safety-check-list.png", "PNG"));
+
+  t.workspace()->settings().setShouldPerformSafetyChecks(true);
+  t.window->setShowMode();
+  ASSERT_NE(list->popover(), nullptr);
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(list->popover()));
+  pumpUntil([] { return false; }, 0.2);
+  const QRect frame = t.window->frameGeometry().united(list->popover()->geometry());
+  QScreen* screen = t.window->screen();
+  const QImage shown = screen->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height()).toImage();
+  EXPECT_TRUE(shown.save(artifactsDir() + "/safety-check-popover.png", "PNG"));
 }

@@ -10,36 +10,15 @@
 #include <string>
 
 #include "show/AudioCue.h"
-#include "show/AudioCueSource.h"
 #include "show/Cart.h"
 #include "show/SafetyConcern.h"
 #include "show/Workspace.h"
+#include "SurfaceTestSupport.h"
 #include "surface/BrokenCueController.h"
 #include "surface/GridController.h"
 #include "surface/WorkspaceController.h"
 
 namespace {
-
-// A file that is there or not, as told; nothing plays.
-class TokenSource : public AudioCueSource {
- public:
-  explicit TokenSource(bool valid) : m_valid(valid) {}
-  void setDevice(std::shared_ptr<KyoAudioDevice> device) override { m_device = std::move(device); }
-  std::shared_ptr<KyoAudioDevice> sharedDevice() const override { return m_device; }
-  void setAlias(std::shared_ptr<KyoAlias>) override {}
-  bool isValid() const override { return m_valid; }
-  uint32_t fileChannels() const override { return 2; }
-  double fileLengthInSeconds() const override { return 10.0; }
-  void setDefaultVolumes() override {}
-  void setCrosspointVolume(float, uint32_t, uint32_t) override {}
-  void setSlice(double, double, int) override {}
-  void goToTime(double) override {}
-  void hardStop() override {}
-
- private:
-  bool m_valid;
-  std::shared_ptr<KyoAudioDevice> m_device;
-};
 
 constexpr int kCarts = 10, kCuesPerCart = 25;
 
@@ -47,14 +26,13 @@ constexpr int kCarts = 10, kCuesPerCart = 25;
 // cue's key: two concerns a cart, twenty in the show.
 std::unique_ptr<WorkspaceController> showWindow() {
   auto window = std::make_unique<WorkspaceController>(std::make_shared<Workspace>());
-  bool valid = true;
-  AudioCue::setSourceFactory([&valid] { return std::make_unique<TokenSource>(valid); });
+  FakeSources sources;
   for (int c = 0; c < kCarts; ++c) {
     if (c > 0) window->newTab();
     GridController* grid = window->gridControllers()[static_cast<size_t>(c)].get();
     grid->cart()->setSize({5, 5});
     for (int i = 0; i < kCuesPerCart; ++i) {
-      valid = i != kCuesPerCart - 1;
+      sources.valid = i != kCuesPerCart - 1;
       auto cue = AudioCue::createWithFile("/show/cue" + std::to_string(i) + ".wav", window->workspace()->audioDevice());
       cue->setName("Cue " + std::to_string(c * kCuesPerCart + i + 1));
       cue->setHotkey(Cart::defaultHotkeyForInternalIndex(i == kCuesPerCart - 2 ? 0 : static_cast<unsigned long>(i)));
@@ -63,7 +41,6 @@ std::unique_ptr<WorkspaceController> showWindow() {
       cue->setCart(grid->cart());
     }
   }
-  AudioCue::setSourceFactory(nullptr);
   return window;
 }
 

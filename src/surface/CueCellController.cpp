@@ -5,6 +5,7 @@
 #include <QContextMenuEvent>
 #include <QDrag>
 #include <QDragEnterEvent>
+#include <QGraphicsOpacityEffect>
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -424,9 +425,13 @@ void CueCellView::startDrag() {
   if (!cue || !grid) return;
   if (m_controller->isSelected()) grid->setSelectedIndex(GridView::kNotFound);
   const QPixmap image = grab();
-  setWindowOpacity(0.25);
   std::unique_ptr<QMimeData> data = cue->mimeData();
   if (!data) return;
+  // The pad left behind is dimmed while its image travels: a child widget has no
+  // opacity of its own, an effect gives it one.
+  auto* dim = new QGraphicsOpacityEffect(this);
+  dim->setOpacity(kDraggedOpacity);
+  setGraphicsEffect(dim);
   AudioCue::setIndexOnMimeData(*data, m_controller->index());
   auto* drag = new QDrag(this);
   drag->setMimeData(data.release());
@@ -434,7 +439,7 @@ void CueCellView::startDrag() {
   drag->setHotSpot(m_lastMouseDown.toPoint());
   QPointer<CueCellView> self(this);
   drag->exec(Qt::MoveAction | Qt::CopyAction, Qt::MoveAction);
-  if (self) self->setWindowOpacity(1.0);
+  if (self) self->setGraphicsEffect(nullptr);
 }
 
 void CueCellView::contextMenuEvent(QContextMenuEvent* event) {

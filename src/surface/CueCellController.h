@@ -120,6 +120,9 @@ class CueCellView : public QWidget {
   Q_OBJECT
 
  public:
+  // How much of the pad shows while it is being dragged away.
+  static constexpr double kDraggedOpacity = 0.25;
+
   CueCellView(CueCellController* controller, QWidget* parent);
 
   CueCellController* controller() const { return m_controller; }

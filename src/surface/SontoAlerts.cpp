@@ -16,6 +16,7 @@ namespace {
 std::function<void(const QString&, const QString&)> g_alertHandler;
 std::function<Answer(const QString&, bool)> g_saveHandler;
 std::function<bool(const QString&)> g_revertHandler;
+std::function<bool()> g_closeTabHandler;
 std::function<QStringList()> g_openPanelHandler;
 std::function<QString(const QString&)> g_savePanelHandler;
 
@@ -41,6 +42,8 @@ void setAlertHandler(std::function<void(const QString&, const QString&)> handler
 
 void setSaveQuestionHandler(std::function<Answer(const QString&, bool)> handler) { g_saveHandler = std::move(handler); }
 void setRevertQuestionHandler(std::function<bool(const QString&)> handler) { g_revertHandler = std::move(handler); }
+
+void setCloseTabQuestionHandler(std::function<bool()> handler) { g_closeTabHandler = std::move(handler); }
 
 void showAlert(QWidget* parent, const QString& message, const QString& informativeText) {
   if (g_alertHandler) return g_alertHandler(message, informativeText);
@@ -73,6 +76,20 @@ Answer askToSaveChanges(QWidget* parent, const QString& documentName, bool canSa
   if (save && box.clickedButton() == save) return Answer::Save;
   if (box.clickedButton() == dontSave) return Answer::DontSave;
   return Answer::Cancel;
+}
+
+bool confirmCloseTab(QWidget* parent) {
+  if (g_closeTabHandler) return g_closeTabHandler();
+  QMessageBox box(parent);
+  box.setIcon(QMessageBox::Warning);
+  box.setText(QStringLiteral("Are you sure you want to close this tab?"));
+  box.setInformativeText(QStringLiteral("All cues in this cart will be removed."));
+  QPushButton* ok = box.addButton(QStringLiteral("OK"), QMessageBox::AcceptRole);
+  QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+  box.setDefaultButton(ok);
+  box.setEscapeButton(cancel);
+  box.exec();
+  return box.clickedButton() == ok;
 }
 
 bool confirmRevert(QWidget* parent, const QString& documentName) {

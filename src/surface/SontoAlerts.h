@@ -20,6 +20,8 @@ void showAlert(QWidget* parent, const QString& message, const QString& informati
 Answer askToSaveChanges(QWidget* parent, const QString& documentName, bool canSave);
 // Before a revert throws away the edits: true to go on.
 bool confirmRevert(QWidget* parent, const QString& documentName);
+// Before a cart with cues goes with its tab: true to close it.
+bool confirmCloseTab(QWidget* parent);
 // A failed save or read: its message and its one button, "OK".
 void showSavingError(QWidget* parent, const SavingError& error);
 // The open panel: show packages ("Name.sonto" folders) to open; empty when cancelled.
@@ -31,6 +33,7 @@ QString chooseSaveLocation(QWidget* parent, const QString& suggestedName);
 void setAlertHandler(std::function<void(const QString& message, const QString& informativeText)> handler);
 void setSaveQuestionHandler(std::function<Answer(const QString& documentName, bool canSave)> handler);
 void setRevertQuestionHandler(std::function<bool(const QString& documentName)> handler);
+void setCloseTabQuestionHandler(std::function<bool()> handler);
 void setOpenPanelHandler(std::function<QStringList()> handler);
 void setSavePanelHandler(std::function<QString(const QString& suggestedName)> handler);
 

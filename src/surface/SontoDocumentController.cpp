@@ -44,6 +44,12 @@ WorkspaceController* SontoDocumentController::showWindow(std::shared_ptr<Workspa
 
 WorkspaceController* SontoDocumentController::newDocument() { return showWindow(makeWorkspace()); }
 
+WorkspaceController* SontoDocumentController::newDocumentFromDrag() {
+  std::shared_ptr<Workspace> workspace = makeWorkspace();
+  workspace->setCreatedFromDrag(true);
+  return showWindow(std::move(workspace));
+}
+
 void SontoDocumentController::openDocument(QWidget* parent) {
   const QStringList paths = SontoAlerts::chooseShowsToOpen(parent);
   if (!paths.isEmpty()) openDocuments(paths, parent);

@@ -60,6 +60,9 @@ class SontoDocumentController : public QObject {
   void setWorkspaceFactory(std::function<std::shared_ptr<Workspace>()> factory);
   std::shared_ptr<Workspace> makeWorkspace() const;
 
+  // A new untitled show without a cart of its own, for a tab torn off another window.
+  WorkspaceController* newDocumentFromDrag();
+
   // Windows register themselves as they open and leave as they close.
   void addDocument(WorkspaceController* document);
   void removeDocument(WorkspaceController* document);

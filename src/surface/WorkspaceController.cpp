@@ -6,6 +6,8 @@
 #include <QComboBox>
 #include <QClipboard>
 #include <QCloseEvent>
+#include <QMoveEvent>
+#include <QResizeEvent>
 #include <QFileInfo>
 #include <QHBoxLayout>
 #include <QInputDialog>
@@ -18,8 +20,10 @@
 #include <QPushButton>
 #include <QSlider>
 #include <QSplitter>
+#include <QSettings>
 #include <QTabBar>
 #include <QTabWidget>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -43,6 +47,7 @@
 #include "surface/PrefsController.h"
 #include "surface/SettingsController.h"
 #include "surface/SontoAlerts.h"
+#include "surface/SontoProgressSheet.h"
 #include "surface/SontoAudioLevelView.h"
 #include "surface/SontoDocumentController.h"
 #include "surface/SontoKeyEvents.h"
@@ -103,6 +108,7 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
   connect(m_tabView, &QTabWidget::currentChanged, this, [this] { makeCartFirstResponder(); });
 
+  if (!m_workspace->fileURL().isEmpty()) restoreFrame(m_workspace->fileURL().toString());
   updateVolumeSlider();
   updatePauseButton();
   updateDuckingButton();
@@ -344,6 +350,13 @@ void WorkspaceController::buildMenus() {
   show->addAction(QStringLiteral("Toggle Warnings"), this, &WorkspaceController::toggleBrokenCueView);
   show->addSeparator();
   m_newTabAction = show->addAction(QStringLiteral("New Cart"), this, &WorkspaceController::newTab);
+  m_newTabAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_T));
+  m_closeTabAction = show->addAction(QStringLiteral("Close Cart"), this, &WorkspaceController::closeTab);
+  m_closeTabAction->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_W));
+  QAction* next = show->addAction(QStringLiteral("Next Cart"), this, &WorkspaceController::selectNextTab);
+  next->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_PageDown));
+  QAction* previous = show->addAction(QStringLiteral("Previous Cart"), this, &WorkspaceController::selectPreviousTab);
+  previous->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_PageUp));
   m_renameCartAction = show->addAction(QStringLiteral("Rename Cart\u2026"), this, &WorkspaceController::renameCart);
   m_gridMenu = show->addMenu(QStringLiteral("Grid Size"));
   for (const char* size : {"1x1", "2x1", "2x2", "3x2", "3x3", "4x3", "4x4", "5x3", "5x4", "5x5"}) {
@@ -405,13 +418,6 @@ void WorkspaceController::updateTabLabels() {
       m_tabView->setTabText(tab, tabLabel(controller->cart()));
     }
   }
-}
-
-void WorkspaceController::newTab() {
-  if (!m_workspace || isLocked()) return;
-  // The workspace announces the cart and the grid follows.
-  m_workspace->addCart(std::make_shared<Cart>());
-  m_tabView->setCurrentIndex(m_tabView->count() - 1);
 }
 
 void WorkspaceController::changeGrid(const QString& title) {
@@ -832,6 +838,7 @@ void WorkspaceController::updateMenus() {
   m_editModeAction->setEnabled(locked);
   m_showModeAction->setEnabled(!locked);
   m_newTabAction->setEnabled(!locked);
+  m_closeTabAction->setEnabled(!locked);
   m_toggleInspectorAction->setEnabled(!locked);
   m_toggleInspectorAction->setChecked(m_inspectorVisible);
   m_renameCartAction->setEnabled(!locked);
@@ -877,12 +884,20 @@ void WorkspaceController::saveDocumentAs(std::function<void()> then) {
 // this window is still open.
 void WorkspaceController::saveToURL(const QUrl& url, std::function<void()> then) {
   QPointer<WorkspaceController> self(this);
-  m_workspace->saveToURL(url, [self, url, then](bool ok, const SavingError& error) {
+  // Said only if the save takes long: a show of many large files on a slow disk.
+  QPointer<SontoProgressSheet> sheet = new SontoProgressSheet(QStringLiteral("Saving"), this);
+  sheet->showOnWindow();
+  m_workspace->saveToURL(url, [self, url, then, sheet](bool ok, const SavingError& error) {
+    if (sheet) sheet->hideSheet();
     if (!ok) {
       SontoAlerts::showSavingError(self, error);
       return;
     }
     SontoDocumentController::sharedDocumentController().noteRecentDocument(url.toLocalFile());
+    // The cues outside the grid are not saved and leave the cart, and their concerns.
+    if (self) self->refreshBrokenCues();
+    // The window's place is kept with the show from now on.
+    if (self) self->setFrameAutosaveName(url.toString());
     if (self && then) then();
   });
 }
@@ -956,6 +971,39 @@ bool WorkspaceController::closeDocument() {
 void WorkspaceController::closeWithoutAsking() {
   invalidate();
   close();
+}
+
+namespace {
+QString frameKey(const QString& name) {
+  return QStringLiteral("WindowFrames/") + QString::fromLatin1(QUrl::toPercentEncoding(name));
+}
+}  // namespace
+
+void WorkspaceController::setFrameAutosaveName(const QString& name) {
+  if (name == m_frameAutosaveName) return;
+  m_frameAutosaveName = name;
+  saveFrame();
+}
+
+// A show opened again comes back where it was left.
+void WorkspaceController::restoreFrame(const QString& name) {
+  m_frameAutosaveName = name;
+  const QByteArray frame = QSettings().value(frameKey(name)).toByteArray();
+  if (!frame.isEmpty()) restoreGeometry(frame);
+}
+
+void WorkspaceController::saveFrame() {
+  if (!m_frameAutosaveName.isEmpty() && m_workspace) QSettings().setValue(frameKey(m_frameAutosaveName), saveGeometry());
+}
+
+void WorkspaceController::moveEvent(QMoveEvent* event) {
+  QMainWindow::moveEvent(event);
+  saveFrame();
+}
+
+void WorkspaceController::resizeEvent(QResizeEvent* event) {
+  QMainWindow::resizeEvent(event);
+  saveFrame();
 }
 
 void WorkspaceController::closeEvent(QCloseEvent* event) {

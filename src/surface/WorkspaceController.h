@@ -20,6 +20,7 @@
 #include "show/SontoMIDIMessage.h"
 
 class BrokenCueController;
+class Cart;
 class Cue;
 class KyoAudioDevice;
 class QComboBox;
@@ -153,7 +154,19 @@ class WorkspaceController : public QMainWindow {
   // One grid per cart of the workspace, in its order: after a read or a revert the
   // carts are new and so are their grids.
   void syncGridControllers();
+  // New Tab and Close Tab are undoable; the last tab closes the window instead.
   void newTab();
+  void closeTab();
+  bool shouldCloseTab(GridController* controller);
+  void selectNextTab();
+  void selectPreviousTab();
+  void selectTabOfCart(const Cart* cart);
+  // After a drag inside the bar: the carts take the tabs' order.
+  void tabsReordered();
+  // A cart to another open show, or to a new one; answers the new window.
+  void moveTabToWindow(GridController* controller, WorkspaceController* target);
+  WorkspaceController* tearOffTab(GridController* controller, const QPoint& at);
+  Cart* receiveCopyOfCart(const Cart& cart);
   void updateTabLabels();
   // The selected cart's grid from a title "<width>x<height>"; refused in show mode.
   void changeGrid(const QString& title);
@@ -185,8 +198,15 @@ class WorkspaceController : public QMainWindow {
   // How long the slider follows a duck ramp, in seconds.
   static constexpr double kDuckDisplaySeconds = 1.0;
 
+  // The window's frame is kept per show, under this name (the show's URL), as it
+  // moves and resizes; a show opened again restores it.
+  void setFrameAutosaveName(const QString& name);
+  const QString& frameAutosaveName() const { return m_frameAutosaveName; }
+
  protected:
   void closeEvent(QCloseEvent* event) override;
+  void moveEvent(QMoveEvent* event) override;
+  void resizeEvent(QResizeEvent* event) override;
 
  public:
   // Shuts the show and the window, edits unsaved, with no question.
@@ -205,6 +225,11 @@ class WorkspaceController : public QMainWindow {
   void updateDuringDuck();
   void updateVolumeSlider();
   void rebuildRecentMenu();
+  void restoreFrame(const QString& name);
+  void saveFrame();
+  void registerUndoOfNewTab(const std::shared_ptr<Cart>& cart);
+  void removeTabOfCart(Cart* cart, bool withUndo);
+  void recreateTabForCart(const std::shared_ptr<Cart>& cart);
   void splitViewDidResizeSubviews();
 
   Workspace* m_workspace = nullptr;
@@ -243,6 +268,7 @@ class WorkspaceController : public QMainWindow {
   QAction* m_editModeAction = nullptr;
   QAction* m_showModeAction = nullptr;
   QAction* m_newTabAction = nullptr;
+  QAction* m_closeTabAction = nullptr;
   QAction* m_toggleInspectorAction = nullptr;
   QMenu* m_gridMenu = nullptr;
   QAction* m_renameCartAction = nullptr;
@@ -256,6 +282,7 @@ class WorkspaceController : public QMainWindow {
   InspectorController* m_inspectorController = nullptr;
   BrokenCueController* m_brokenCueController = nullptr;
   QPushButton* m_warningButton = nullptr;
+  QString m_frameAutosaveName;
   // Set while the window waits for the save that its close asked for.
   bool m_closingAfterSave = false;
 };

@@ -6,6 +6,7 @@
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTableWidget>
+#include <QUrl>
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -92,6 +93,15 @@ TEST(SafetyCheck, ListFollowsEditsAndLeadsToTheCue) {
   EXPECT_EQ(list.brokenCueLabel()->text(), "1 Warnings");
   t.window->undoManager()->undo();  // the new file goes, the broken cue is back
   ASSERT_TRUE(pumpUntil([&] { return list.brokenCueTableView()->rowCount() == 2; }));
+
+  // A smaller grid leaves a cue outside; a save drops it, and its concern with it.
+  t.grid(1)->setCartSize({1.0f, 1.0f});
+  ASSERT_TRUE(pumpUntil([&] { return list.brokenCueTableView()->rowCount() == 3; }));
+  bool saved = false;
+  t.window->saveToURL(QUrl::fromLocalFile(QString::fromStdString(sonto::test::temporaryPath("Checked.sonto"))),
+                      [&] { saved = true; });
+  ASSERT_TRUE(pumpUntil([&] { return saved && list.brokenCueTableView()->rowCount() == 1; }));
+  EXPECT_EQ(rows(list), (std::vector<std::string>{"Gone | Act 1 | Invalid audio file."}));
 }
 
 // Show mode with concerns: the popover only when the settings ask, and show mode in

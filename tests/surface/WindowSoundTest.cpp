@@ -5,6 +5,8 @@
 #include <QLineEdit>
 #include <QSlider>
 
+#include <cstdio>
+
 #include <gtest/gtest.h>
 #include <jack/jack.h>
 #include <jack/midiport.h>
@@ -226,4 +228,44 @@ TEST(WindowSound, JackMIDIFiresCuesInTwoShowsByChannel) {
   }
   EXPECT_GE(bCue->downs, 1);
   EXPECT_EQ(aVisible->downs, aDowns);
+}
+
+// A cart of 25 cues of 10 s moved to another show while the first show plays: the
+// playing cue goes on sample for sample, and the figures say how long the move and
+// the moved cues' read-ahead took (the target's cues are new sources on copies).
+TEST(WindowSound, MovingACartOf25CuesLeavesThePlayingCueAlone) {
+  EngineSources engine;
+  Offline out;
+  ASSERT_TRUE(out.device && out.device->isOpen());
+  TestWindow source(out.device), target(out.device);
+  ASSERT_EQ(dropFiles(source.grid(0), {QString::fromStdString(ramp("playing.wav", int64_t(kRate) * 4))}, 0), 1);
+  source.window->newTab();
+  QStringList files;
+  for (int i = 0; i < 25; ++i) {
+    const std::string path = sonto::test::temporaryPath("move-" + std::to_string(i) + ".wav");
+    ASSERT_TRUE(sonto::test::writeRampFile(path, SF_FORMAT_WAV | SF_FORMAT_PCM_16, kRate, 2, int64_t(kRate) * 10));
+    files << QString::fromStdString(path);
+  }
+  source.grid(1)->setCartSize({5.0f, 5.0f});
+  ASSERT_EQ(dropFiles(source.grid(1), files, 0), 25);
+  auto* playing = dynamic_cast<AudioCue*>(source.grid(0)->cart()->cueAtIndex(0));
+  ASSERT_TRUE(playing && readyToPlay(playing));
+  playing->play();
+  ASSERT_TRUE(pullWhenReady(out, playing, 50));
+
+  KyoPlainClock real;
+  const double start = real.monotonicSeconds();
+  source.window->moveTabToWindow(source.grid(1), target.window);
+  const double moved = real.monotonicSeconds();
+  ASSERT_EQ(target.workspace()->carts().size(), 2u);
+  for (const auto& [key, cue] : target.workspace()->carts()[1]->cues()) ASSERT_TRUE(readyToPlay(cue.get()));
+  const double ready = real.monotonicSeconds();
+  std::printf("[ figure ] a cart of 25 cues of 10 s moved in %.1f ms; all ready to play %.1f ms after the start\n",
+              (moved - start) * 1e3, (ready - start) * 1e3);
+
+  ASSERT_TRUE(pullWhenReady(out, playing, 50));
+  const std::vector<float> left = out.left();
+  ASSERT_EQ(left.size(), 100 * kFrames);
+  EXPECT_EQ(wrongFrames(left, 0, left.size()), 0u);
+  playing->hardStop();
 }

@@ -12,9 +12,11 @@
 #include <QLabel>
 #include <QPainter>
 #include <QLineEdit>
+#include <QMouseEvent>
 #include <QPixmap>
 #include <QPushButton>
 #include <QTableWidget>
+#include <QToolButton>
 #include <QScreen>
 #include <QSet>
 #include <QTest>
@@ -41,6 +43,8 @@
 #include "surface/InspectorController.h"
 #include "surface/WorkspaceController.h"
 #include "surface/SontoTheme.h"
+#include "KyoUI/PSMMetalTabStyle.h"
+#include "KyoUI/PSMTabBarControl.h"
 #include "KyoUI/PopoverWindow.h"
 
 // On a real X server Qt talks to the session bus, and libdbus keeps a buffer of its
@@ -342,6 +346,39 @@ TEST(Screenshot, AttachedWindowSides) {
   }
   painter.end();
   EXPECT_TRUE(image.save(artifactsDir() + "/attached-window.png", "PNG"));
+}
+
+// The tab bar: many carts with the overflow button, the third selected, the close
+// button of the second under the mouse; below it a bar of two tabs. Painted by render,
+// so the offscreen platform makes it too.
+TEST(Screenshot, TabBar) {
+  const QStringList names = {"Act 1",    "Act 2 – storm", "Interval", "Act 3",   "Bows",    "Pre-show",
+                             "Specials", "Walk-in music", "Backups",  "Encores", "Spare 1", "Spare 2"};
+  QImage image(900, 2 * 22 + 30, QImage::Format_RGB32);
+  image.fill(SontoTheme::darkPalette().window().color());
+  QPainter painter(&image);
+  for (int row = 0; row < 2; ++row) {
+    PSMTabView view;
+    PSMTabBarControl bar;
+    bar.setTabView(&view);
+    bar.setCellMinWidth(100);
+    bar.setCellMaxWidth(200);
+    bar.setCellOptimumWidth(150);
+    std::vector<QLabel> pages(row == 0 ? names.size() : 2);
+    for (size_t i = 0; i < pages.size(); ++i) view.addTabViewItem(&pages[i], names[static_cast<int>(i)], nullptr);
+    bar.resize(900, 22);
+    view.selectTabViewItemAtIndex(row == 0 ? 2 : 0);
+    const QPoint close = PSMMetalTabStyle::closeButtonRectForTabCell(*bar.cells()[1]).center().toPoint();
+    QMouseEvent hover(QEvent::MouseMove, close, bar.mapToGlobal(close), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    QApplication::sendEvent(&bar, &hover);
+    EXPECT_EQ(bar.overflowPopUpButton()->isVisibleTo(&bar), row == 0);
+    EXPECT_TRUE(bar.cells()[1]->closeButtonOver());
+    bar.render(&painter, QPoint(0, row * 52), QRegion(), QWidget::DrawChildren);
+    for (auto& page : pages) view.removeTabViewItem(view.indexOfView(&page));
+  }
+  painter.end();
+  EXPECT_GT(distinctColours(image), 16);
+  EXPECT_TRUE(image.save(artifactsDir() + "/tab-bar.png", "PNG"));
 }
 
 // The safety check: broken and clashing pads, the warning button and the list in the

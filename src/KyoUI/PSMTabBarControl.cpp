@@ -1,6 +1,7 @@
 #include "KyoUI/PSMTabBarControl.h"
 
 #include <QContextMenuEvent>
+#include <QCoreApplication>
 #include <QDragEnterEvent>
 #include <QMenu>
 #include <QMimeData>
@@ -222,7 +223,7 @@ PSMTabBarControl::PSMTabBarControl(QWidget* parent)
 
 PSMTabBarControl::~PSMTabBarControl() {
   tabBarRegistry().removeAll(this);
-  PSMTabDragAssistant::shared()->tabBarWillGo(this);
+  if (QCoreApplication::instance()) PSMTabDragAssistant::shared()->tabBarWillGo(this);
 }
 
 void PSMTabBarControl::setTabView(PSMTabView* tabView) {

@@ -27,6 +27,8 @@ class PSMTabBarDelegate {
   virtual bool shouldAllowTabViewItemToLeaveTabBar(PSMTabView*, const PSMTabViewItem&, PSMTabBarControl*) {
     return true;
   }
+  // Told by the source bar's delegate; the tab view is the one the item is now in,
+  // the bar's own for a reorder.
   virtual void didDropTabViewItem(PSMTabView*, const PSMTabViewItem&, PSMTabBarControl* /*inTabBar*/) {}
   // The bar of a new window for a tab dropped outside every bar, at a point on the
   // screen; null keeps the tab where it was.

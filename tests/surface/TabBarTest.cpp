@@ -27,7 +27,11 @@ struct RecordingDelegate : PSMTabBarDelegate {
   QList<PSMTabBarControl*> droppedIn;
 
   bool shouldCloseTabViewItem(PSMTabView*, const PSMTabViewItem&) override { return closeAllowed; }
-  void didCloseTabViewItem(PSMTabView*, const PSMTabViewItem& item) override { closed << item.label; }
+  // The owner of a closed tab's page, as the window is.
+  void didCloseTabViewItem(PSMTabView*, const PSMTabViewItem& item) override {
+    closed << item.label;
+    delete item.view;
+  }
   bool disableTabCloseForTabViewItem(PSMTabView*, const PSMTabViewItem&) override { return closeDisabled; }
   void didDropTabViewItem(PSMTabView*, const PSMTabViewItem& item, PSMTabBarControl* bar) override {
     dropped << item.label;

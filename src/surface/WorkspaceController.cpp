@@ -21,8 +21,6 @@
 #include <QSlider>
 #include <QSplitter>
 #include <QSettings>
-#include <QTabBar>
-#include <QTabWidget>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -40,6 +38,9 @@
 #include "surface/CueCellController.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "KyoUI/PSMTabBarControl.h"
+#include "KyoUI/PSMTabDragAssistant.h"
+#include "KyoUI/PSMTabView.h"
 #include "surface/BrokenCueController.h"
 #include "surface/CueInspectorController.h"
 #include "surface/InspectorController.h"
@@ -75,11 +76,25 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   m_mainPane->setMinimumHeight(kMinimumPaneHeight);
   auto* mainLayout = new QVBoxLayout(m_mainPane);
   mainLayout->setContentsMargins(0, 0, 0, 0);
-  m_tabView = new QTabWidget(m_mainPane);
-  m_tabView->setDocumentMode(true);
+  mainLayout->setSpacing(0);
+  // The carts' tab bar over their pages; the bar hides while there is one cart.
+  m_tabBar = new PSMTabBarControl(m_mainPane);
+  m_tabView = new PSMTabView(m_mainPane);
   m_tabView->setFocusPolicy(Qt::NoFocus);
-  m_tabView->tabBar()->setFocusPolicy(Qt::NoFocus);
-  mainLayout->addWidget(m_tabView);
+  m_tabBar->setTabView(m_tabView);
+  m_tabBar->setDelegate(this);
+  m_tabBar->setHideForSingleTab(true);
+  m_tabBar->setTearOffStyle(1);
+  m_tabBar->setCellMinWidth(100);
+  m_tabBar->setCellMaxWidth(200);
+  m_tabBar->setCellOptimumWidth(150);
+  mainLayout->addWidget(m_tabBar);
+  mainLayout->addWidget(m_tabView, 1);
+  // While a tab is dragged, every bar shows, to be dropped on.
+  connect(PSMTabDragAssistant::shared(), &PSMTabDragAssistant::tabDragDidBegin, this,
+          [this] { m_tabBar->setHideForSingleTab(false); });
+  connect(PSMTabDragAssistant::shared(), &PSMTabDragAssistant::tabDragDidEnd, this,
+          [this] { m_tabBar->setHideForSingleTab(true); });
   m_inspectorPane = new QWidget(m_splitView);
   m_inspectorPane->setObjectName(QStringLiteral("inspectorPane"));
   m_inspectorPane->setMinimumHeight(kMinimumPaneHeight);
@@ -105,8 +120,7 @@ WorkspaceController::WorkspaceController(std::shared_ptr<Workspace> workspace)
   // A new show starts with "Cart 1"; a read one brings its own carts.
   m_workspace->addFirstCartIfNeeded(!m_workspace->fileURL().isEmpty());
   syncGridControllers();
-  if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
-  connect(m_tabView, &QTabWidget::currentChanged, this, [this] { makeCartFirstResponder(); });
+  if (m_tabView->count() > 0) m_tabView->selectTabViewItemAtIndex(0);
 
   if (!m_workspace->fileURL().isEmpty()) restoreFrame(m_workspace->fileURL().toString());
   updateVolumeSlider();
@@ -141,8 +155,12 @@ WorkspaceController::~WorkspaceController() {
   invalidate();
   m_inspectorController->setCue(nullptr);
   // The grids go before the workspace whose carts they show.
-  m_tabView->clear();
+  m_tabBar->setDelegate(nullptr);
+  while (m_tabView->count() > 0) m_tabView->removeTabViewItem(0);
+  std::vector<GridView*> pages;
+  for (const auto& controller : m_gridControllers) pages.push_back(controller->gridView());
   m_gridControllers.clear();
+  for (GridView* page : pages) delete page;
   delete m_settingsController;
   delete m_logController;
   m_document.reset();
@@ -369,15 +387,15 @@ void WorkspaceController::buildMenus() {
 // -- Carts
 
 namespace {
-// A tab takes "&" as the mark of a shortcut letter; a cart's name means it as itself.
-QString tabLabel(const Cart* cart) { return QString::fromStdString(cart->name()).replace('&', QStringLiteral("&&")); }
+QString tabLabel(const Cart* cart) { return QString::fromStdString(cart->name()); }
 }  // namespace
 
 void WorkspaceController::addTabForCartController(GridController* controller) {
   ++m_tabCount;
   // A default name is never reused in one window's life.
   if (controller->cart()->name().empty()) controller->cart()->setName("Cart " + std::to_string(m_tabCount));
-  m_tabView->addTab(controller->gridView(), tabLabel(controller->cart()));
+  m_tabView->addTabViewItem(controller->gridView(), tabLabel(controller->cart()), controller);
+  m_tabView->selectTabViewItemAtIndex(m_tabView->count() - 1);
 }
 
 void WorkspaceController::syncGridControllers() {
@@ -391,7 +409,8 @@ void WorkspaceController::syncGridControllers() {
       continue;
     }
     GridView* view = (*it)->gridView();
-    m_tabView->removeTab(m_tabView->indexOf(view));
+    // A tab closed from the bar has already left the tab view.
+    if (const int tab = m_tabView->indexOfView(view); tab >= 0) m_tabView->removeTabViewItem(tab);
     it = m_gridControllers.erase(it);
     delete view;
   }
@@ -406,8 +425,8 @@ void WorkspaceController::syncGridControllers() {
   for (int position = 0; position < static_cast<int>(carts.size()); ++position) {
     for (const auto& controller : m_gridControllers) {
       if (controller->cart() != carts[position].get()) continue;
-      const int from = m_tabView->indexOf(controller->gridView());
-      if (from != position) m_tabView->tabBar()->moveTab(from, position);
+      const int from = m_tabView->indexOfView(controller->gridView());
+      if (from >= 0 && from != position) m_tabView->moveTabViewItem(from, position);
     }
   }
 }
@@ -415,7 +434,7 @@ void WorkspaceController::syncGridControllers() {
 void WorkspaceController::updateTabLabels() {
   for (int tab = 0; tab < m_tabView->count(); ++tab) {
     if (GridController* controller = controllerForTab(tab)) {
-      m_tabView->setTabText(tab, tabLabel(controller->cart()));
+      m_tabView->setLabel(tab, tabLabel(controller->cart()));
     }
   }
 }
@@ -443,18 +462,19 @@ void WorkspaceController::renameCart() {
 }
 
 void WorkspaceController::selectTab(int number) {
-  if (number >= 1 && number <= m_tabView->count()) m_tabView->setCurrentIndex(number - 1);
+  if (number >= 1 && number <= m_tabView->count()) m_tabView->selectTabViewItemAtIndex(number - 1);
 }
 
 GridController* WorkspaceController::controllerForTab(int tab) const {
-  QWidget* page = m_tabView->widget(tab);
+  QWidget* page = m_tabView->itemAt(tab).view;
+  if (!page) return nullptr;
   for (const auto& controller : m_gridControllers) {
     if (controller->gridView() == page) return controller.get();
   }
   return nullptr;
 }
 
-GridController* WorkspaceController::selectedController() const { return controllerForTab(m_tabView->currentIndex()); }
+GridController* WorkspaceController::selectedController() const { return controllerForTab(m_tabView->selectedIndex()); }
 
 void WorkspaceController::makeCartFirstResponder() {
   if (GridController* controller = selectedController()) controller->gridView()->setFocus(Qt::OtherFocusReason);
@@ -475,7 +495,7 @@ void WorkspaceController::selectCue(const Cue* cue) {
   if (!cue) return;
   for (const auto& controller : m_gridControllers) {
     if (controller->cart() == cue->cart()) {
-      m_tabView->setCurrentWidget(controller->gridView());
+      m_tabView->selectTabViewItemAtIndex(m_tabView->indexOfView(controller->gridView()));
       controller->selectCue(cue);
     }
   }
@@ -512,7 +532,7 @@ void WorkspaceController::enterShowMode() {
   m_inspectorController->setCue(nullptr);
   hideInspector();
   makeCartFirstResponder();
-  m_tabView->tabBar()->setMovable(false);
+  m_tabBar->setDisableTabClose(true);
   for (const auto& controller : m_gridControllers) controller->lockCart();
   updateMenus();
 }
@@ -522,6 +542,7 @@ void WorkspaceController::setEditMode() {
   m_workspace->setLocked(false);
   showInspector();
   m_editModeButton->setChecked(true);
+  m_tabBar->setDisableTabClose(false);
   for (const auto& controller : m_gridControllers) controller->unlockCart();
   updateMenus();
 }
@@ -914,7 +935,7 @@ void WorkspaceController::revertDocumentToSaved() {
 void WorkspaceController::workspaceDidRead() {
   if (!m_workspace) return;
   syncGridControllers();
-  if (m_tabView->count() > 0) m_tabView->setCurrentIndex(0);
+  if (m_tabView->count() > 0) m_tabView->selectTabViewItemAtIndex(0);
   m_workspace->isLocked() ? enterShowMode() : setEditMode();
   updateVolumeSlider();
   updatePauseButton();

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "KyoUI/PSMTabBarDelegate.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoHotKey.h"
 #include "foundation/KyoNotificationCenter.h"
@@ -34,13 +35,12 @@ class QMenu;
 class QPushButton;
 class QSlider;
 class QSplitter;
-class QTabWidget;
 class LogController;
 class SettingsController;
 class SontoUndoManager;
 class Workspace;
 
-class WorkspaceController : public QMainWindow {
+class WorkspaceController : public QMainWindow, public PSMTabBarDelegate {
   Q_OBJECT
 
  public:
@@ -54,7 +54,8 @@ class WorkspaceController : public QMainWindow {
   // For work that must keep the workspace alive beyond a turn of the event loop.
   std::shared_ptr<Workspace> sharedWorkspace() const { return m_workspace ? m_document : nullptr; }
   SontoUndoManager* undoManager() const;
-  QTabWidget* tabView() const { return m_tabView; }
+  PSMTabView* tabView() const { return m_tabView; }
+  PSMTabBarControl* tabBar() const { return m_tabBar; }
   const std::vector<std::unique_ptr<GridController>>& gridControllers() const { return m_gridControllers; }
   GridController* selectedController() const;
   GridController* controllerForTab(int tab) const;
@@ -166,6 +167,18 @@ class WorkspaceController : public QMainWindow {
   // A cart to another open show, or to a new one; answers the new window.
   void moveTabToWindow(GridController* controller, WorkspaceController* target);
   WorkspaceController* tearOffTab(GridController* controller, const QPoint& at);
+
+  // The tab bar's questions.
+  bool shouldCloseTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item) override;
+  void didCloseTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item) override;
+  bool disableTabCloseForTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item) override;
+  bool shouldDragTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item, PSMTabBarControl* from) override;
+  bool shouldDropTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item, PSMTabBarControl* into) override;
+  void didDropTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item, PSMTabBarControl* into) override;
+  PSMTabBarControl* newTabBarForDraggedTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item,
+                                                   QPoint at) override;
+  void closeWindowForLastTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item) override;
+  void didSelectTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item) override;
   Cart* receiveCopyOfCart(const Cart& cart);
   void updateTabLabels();
   // The selected cart's grid from a title "<width>x<height>"; refused in show mode.
@@ -228,13 +241,15 @@ class WorkspaceController : public QMainWindow {
   void restoreFrame(const QString& name);
   void saveFrame();
   void registerUndoOfNewTab(const std::shared_ptr<Cart>& cart);
+  WorkspaceController* newWindowForTornOffTab(const QPoint& at);
   void removeTabOfCart(Cart* cart, bool withUndo);
   void recreateTabForCart(const std::shared_ptr<Cart>& cart);
   void splitViewDidResizeSubviews();
 
   Workspace* m_workspace = nullptr;
   std::shared_ptr<Workspace> m_document;
-  QTabWidget* m_tabView = nullptr;
+  PSMTabView* m_tabView = nullptr;
+  PSMTabBarControl* m_tabBar = nullptr;
   QPushButton* m_panicButton = nullptr;
   QButtonGroup* m_modeButton = nullptr;
   QPushButton* m_editModeButton = nullptr;

@@ -5,17 +5,20 @@
 
 #include <algorithm>
 
+#include "KyoUI/PSMTabBarControl.h"
+#include "KyoUI/PSMTabDragAssistant.h"
+#include "KyoUI/PSMTabView.h"
 #include "show/AudioCue.h"
 #include "show/Cart.h"
 #include "show/SontoUndoManager.h"
 #include "show/Workspace.h"
 #include "surface/GridController.h"
 #include "surface/GridView.h"
+#include "surface/InspectorController.h"
 #include "surface/SontoAlerts.h"
 #include "surface/SontoDocumentController.h"
 #include "surface/WorkspaceController.h"
 
-#include <QTabWidget>
 
 void WorkspaceController::newTab() {
   if (!m_workspace || isLocked()) return;
@@ -76,18 +79,18 @@ void WorkspaceController::recreateTabForCart(const std::shared_ptr<Cart>& cart) 
 void WorkspaceController::selectTabOfCart(const Cart* cart) {
   for (int tab = 0; tab < m_tabView->count(); ++tab) {
     GridController* controller = controllerForTab(tab);
-    if (controller && controller->cart() == cart) m_tabView->setCurrentIndex(tab);
+    if (controller && controller->cart() == cart) m_tabView->selectTabViewItemAtIndex(tab);
   }
 }
 
 void WorkspaceController::selectNextTab() {
   const int count = m_tabView->count();
-  if (count > 0) m_tabView->setCurrentIndex((m_tabView->currentIndex() + 1) % count);
+  if (count > 0) m_tabView->selectTabViewItemAtIndex((m_tabView->selectedIndex() + 1) % count);
 }
 
 void WorkspaceController::selectPreviousTab() {
   const int count = m_tabView->count();
-  if (count > 0) m_tabView->setCurrentIndex((m_tabView->currentIndex() + count - 1) % count);
+  if (count > 0) m_tabView->selectTabViewItemAtIndex((m_tabView->selectedIndex() + count - 1) % count);
 }
 
 // A tab dragged to a new place: the carts take the tabs' order. A change of the
@@ -134,16 +137,84 @@ void WorkspaceController::moveTabToWindow(GridController* controller, WorkspaceC
   if (!m_workspace || !controller || !target || target == this || isLocked() || target->isLocked()) return;
   target->receiveCopyOfCart(*controller->cart());
   removeTabOfCart(controller->cart(), true);
-  if (m_tabView->count() == 0) close();
+  // A drag of the bar closes the emptied window itself, once the drag is over.
+  if (m_tabView->count() == 0 && !PSMTabDragAssistant::shared()->isDragging()) close();
 }
 
 // A tab dropped outside every window: a new untitled show of its own, which then
 // behaves as any other (save, and the question on closing).
 WorkspaceController* WorkspaceController::tearOffTab(GridController* controller, const QPoint& at) {
   if (!m_workspace || !controller || isLocked()) return nullptr;
+  WorkspaceController* window = newWindowForTornOffTab(at);
+  moveTabToWindow(controller, window);
+  return window;
+}
+
+WorkspaceController* WorkspaceController::newWindowForTornOffTab(const QPoint& at) {
   WorkspaceController* window = SontoDocumentController::sharedDocumentController().newDocumentFromDrag();
   window->resize(size());
   window->move(at);
-  moveTabToWindow(controller, window);
   return window;
+}
+
+// --- What the tab bar asks of the window ---
+
+namespace {
+GridController* gridOf(const PSMTabViewItem& item) { return qobject_cast<GridController*>(item.identifier); }
+}  // namespace
+
+bool WorkspaceController::shouldCloseTabViewItem(PSMTabView*, const PSMTabViewItem& item) {
+  GridController* controller = gridOf(item);
+  return controller && shouldCloseTab(controller);
+}
+
+void WorkspaceController::didCloseTabViewItem(PSMTabView*, const PSMTabViewItem& item) {
+  if (GridController* controller = gridOf(item)) removeTabOfCart(controller->cart(), true);
+}
+
+bool WorkspaceController::disableTabCloseForTabViewItem(PSMTabView*, const PSMTabViewItem&) { return isLocked(); }
+
+bool WorkspaceController::shouldDragTabViewItem(PSMTabView*, const PSMTabViewItem&, PSMTabBarControl*) {
+  return !isLocked();
+}
+
+bool WorkspaceController::shouldDropTabViewItem(PSMTabView*, const PSMTabViewItem&, PSMTabBarControl* bar) {
+  if (isLocked()) return false;
+  auto* target = bar ? qobject_cast<WorkspaceController*>(bar->window()) : nullptr;
+  return !target || !target->isLocked();
+}
+
+// The bar has moved the item already: within this bar the carts follow; into another
+// window's bar the page comes back here and the target makes its own copy.
+void WorkspaceController::didDropTabViewItem(PSMTabView* tabView, const PSMTabViewItem& item, PSMTabBarControl* bar) {
+  GridController* controller = gridOf(item);
+  if (!controller) return;
+  if (bar == m_tabBar) {
+    tabsReordered();
+    return;
+  }
+  auto* target = bar ? qobject_cast<WorkspaceController*>(bar->window()) : nullptr;
+  if (tabView && tabView != m_tabView) {
+    if (const int index = tabView->indexOfIdentifier(controller); index >= 0) tabView->removeTabViewItem(index);
+  }
+  if (target) moveTabToWindow(controller, target);
+}
+
+PSMTabBarControl* WorkspaceController::newTabBarForDraggedTabViewItem(PSMTabView*, const PSMTabViewItem&, QPoint at) {
+  if (isLocked()) return nullptr;
+  return newWindowForTornOffTab(at)->m_tabBar;
+}
+
+void WorkspaceController::closeWindowForLastTabViewItem(PSMTabView*, const PSMTabViewItem&) {
+  if (m_tabView->count() == 0) close();
+}
+
+void WorkspaceController::didSelectTabViewItem(PSMTabView*, const PSMTabViewItem& item) {
+  GridController* controller = gridOf(item);
+  if (!controller) return;
+  if (m_inspectorVisible) {
+    m_inspectorController->setCue(
+        std::dynamic_pointer_cast<AudioCue>(controller->sharedCueForIndex(controller->gridView()->selectedIndex())));
+  }
+  makeCartFirstResponder();
 }

@@ -5,8 +5,9 @@
 #include <QApplication>
 #include <QDir>
 #include <QSettings>
-#include <QTabBar>
-#include <QTabWidget>
+#include "KyoUI/PSMTabBarControl.h"
+#include "KyoUI/PSMTabDragAssistant.h"
+#include "KyoUI/PSMTabView.h"
 #include <QUrl>
 
 #include <gtest/gtest.h>
@@ -32,7 +33,7 @@ std::vector<std::string> cartNames(const Workspace& workspace) {
 
 std::vector<std::string> tabNames(const WorkspaceController& window) {
   std::vector<std::string> names;
-  for (int i = 0; i < window.tabView()->count(); ++i) names.push_back(window.tabView()->tabText(i).toStdString());
+  for (int i = 0; i < window.tabView()->count(); ++i) names.push_back(window.tabView()->itemAt(i).label.toStdString());
   return names;
 }
 
@@ -89,7 +90,7 @@ TEST(CartTabs, NewAndCloseAreUndoableAndAClosedTabComesBackLast) {
   undo->undo();
   EXPECT_EQ(cartNames(*t.workspace()), (std::vector<std::string>{"Cart 2", "Cart 3", "Cart 1"}));
   EXPECT_EQ(tabNames(*t.window), cartNames(*t.workspace()));
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 2);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 2);
   EXPECT_EQ(t.grid(2)->cart()->count(), 1u) << "its cue came back with it";
   t.window->selectTab(1);
   step([&] { t.window->closeTab(); });  // empty: no question
@@ -104,9 +105,9 @@ TEST(CartTabs, NewAndCloseAreUndoableAndAClosedTabComesBackLast) {
   // Next and previous wrap round; show mode refuses new and close.
   t.window->selectTab(3);
   t.window->selectNextTab();
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 0);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 0);
   t.window->selectPreviousTab();
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 2);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 2);
   t.window->setShowMode();
   t.window->newTab();
   t.window->closeTab();
@@ -121,7 +122,7 @@ TEST(CartTabs, ReorderedTabsAreTheCartsOrderInTheFile) {
   t.window->newTab();
   t.window->newTab();
   const size_t steps = t.window->undoManager()->undoCount();
-  t.window->tabView()->tabBar()->moveTab(0, 2);
+  t.window->tabView()->moveTabViewItem(0, 2);
   t.window->tabsReordered();
   EXPECT_EQ(cartNames(*t.workspace()), (std::vector<std::string>{"Cart 2", "Cart 3", "Cart 1"}));
   EXPECT_EQ(tabNames(*t.window), cartNames(*t.workspace()));
@@ -190,4 +191,52 @@ TEST(CartTabs, MovedAndTornOffCartsTakeTheirMedia) {
   ASSERT_NE(reopened, nullptr);
   EXPECT_EQ(reopened->size(), QSize(1250, 740));
   reopened->closeWithoutAsking();
+}
+
+// The same moves made with the tab bar, as a mouse drag makes them: along the bar, to
+// the other window's bar, and out of every window.
+TEST(CartTabs, BarDragsReorderMoveAndTearOff) {
+  FakeSources sources;
+  TestWindow source, target;
+  source.window->move(0, 0);
+  target.window->move(0, 900);
+  source.window->newTab();
+  source.window->newTab();
+  ASSERT_EQ(dropFiles(source.grid(1), {QString::fromStdString(wav("bar-drag.wav"))}, 0), 1);
+  PSMTabDragAssistant* assistant = PSMTabDragAssistant::shared();
+  auto centre = [](WorkspaceController* window, int tab, double along = 0.5) {
+    PSMTabBarControl* bar = window->tabBar();
+    const QRectF frame = bar->controller()->cellFrameAtIndex(tab);
+    return bar->mapToGlobal(QPointF(frame.x() + frame.width() * along, frame.center().y())).toPoint();
+  };
+  // The point is taken before the drag adds its placeholders to the bar.
+  auto drag = [&](WorkspaceController* window, int tab, const std::function<QPoint()>& to) {
+    const QPoint point = to();
+    assistant->startDragging(window->tabBar(), tab);
+    ASSERT_TRUE(assistant->isDragging());
+    assistant->dragMovedTo(point);
+    for (int i = 0; i < 8; ++i) assistant->animateDrag();
+    assistant->dropAt(point);
+    QApplication::processEvents();
+  };
+
+  drag(source.window, 0, [&] { return centre(source.window, 2, 0.75); });
+  EXPECT_EQ(cartNames(*source.workspace()), (std::vector<std::string>{"Cart 2", "Cart 3", "Cart 1"}));
+
+  // Cart 2, with its cue, onto the other window's single tab (its bar shows for the drag).
+  drag(source.window, 0, [&] { return centre(target.window, 0, 0.75); });
+  EXPECT_EQ(cartNames(*source.workspace()), (std::vector<std::string>{"Cart 3", "Cart 1"}));
+  EXPECT_EQ(cartNames(*target.workspace()), (std::vector<std::string>{"Cart 1", "Cart 2"}));
+  EXPECT_EQ(target.workspace()->carts()[1]->count(), 1u);
+  EXPECT_EQ(tabNames(*target.window), cartNames(*target.workspace()));
+  EXPECT_TRUE(target.window->tabBar()->isVisible()) << "two tabs: the bar shows";
+
+  const size_t documents = SontoDocumentController::sharedDocumentController().documents().size();
+  drag(source.window, 1, [] { return QPoint(3000, 3000); });
+  ASSERT_EQ(SontoDocumentController::sharedDocumentController().documents().size(), documents + 1);
+  WorkspaceController* torn = SontoDocumentController::sharedDocumentController().documents().back();
+  EXPECT_EQ(cartNames(*torn->workspace()), (std::vector<std::string>{"Cart 1"}));
+  EXPECT_EQ(cartNames(*source.workspace()), (std::vector<std::string>{"Cart 3"}));
+  EXPECT_FALSE(source.window->tabBar()->isVisible()) << "one tab left: the bar hides";
+  torn->closeWithoutAsking();
 }

@@ -6,7 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPointer>
-#include <QTabWidget>
+#include "KyoUI/PSMTabView.h"
 
 #include <gtest/gtest.h>
 #include <sndfile.h>
@@ -115,7 +115,7 @@ TEST(Document, SaveAsEditRevertOnARealPackage) {
   EXPECT_EQ(asked, QStringList({"Evening", "Evening"}));
   EXPECT_FALSE(t.window->isWindowModified());
   ASSERT_EQ(t.window->tabView()->count(), 1);
-  EXPECT_EQ(t.window->tabView()->tabText(0), "Cart 1");
+  EXPECT_EQ(t.window->tabView()->itemAt(0).label, "Cart 1");
   ASSERT_NE(t.grid()->cart()->cueAtIndex(2), nullptr);
   EXPECT_TRUE(t.workspace()->undoManager()->undoCount() == 0);
 
@@ -186,7 +186,7 @@ TEST(Document, CloseAsksAndSaveThenCloseKeepsTheEdit) {
   EXPECT_EQ(documents.openDocuments({answers.savePath}), 1);
   ASSERT_EQ(documents.documents().size(), before + 1);
   WorkspaceController* opened = documents.documents().back();
-  EXPECT_EQ(opened->tabView()->tabText(0), "Finale");
+  EXPECT_EQ(opened->tabView()->itemAt(0).label, "Finale");
   EXPECT_EQ(opened->windowTitle(), "Finale[*]");
   EXPECT_FALSE(opened->isWindowModified());
   // The same package by another spelling is the same show.

@@ -3,7 +3,7 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QMimeData>
-#include <QTabWidget>
+#include "KyoUI/PSMTabView.h"
 
 #include <gtest/gtest.h>
 
@@ -88,13 +88,13 @@ TEST(WorkspaceWindow, GridSizeFromTitlesAndRenameWithUndo) {
   EXPECT_EQ(grid->cart()->size(), (CartSize{3, 2}));
 
   grid->setCartName("Act One");
-  EXPECT_EQ(t.window->tabView()->tabText(0), "Act One");
+  EXPECT_EQ(t.window->tabView()->itemAt(0).label, "Act One");
   QApplication::processEvents();
   EXPECT_EQ(undo->undoActionName(), "Rename Cart");
   undo->undo();
-  EXPECT_EQ(t.window->tabView()->tabText(0), "Cart 1");
+  EXPECT_EQ(t.window->tabView()->itemAt(0).label, "Cart 1");
   undo->redo();
-  EXPECT_EQ(t.window->tabView()->tabText(0), "Act One");
+  EXPECT_EQ(t.window->tabView()->itemAt(0).label, "Act One");
 
   t.window->setShowMode();
   t.window->changeGrid("2x2");

@@ -4,7 +4,7 @@
 #include <QApplication>
 #include <QLabel>
 #include <QPushButton>
-#include <QTabWidget>
+#include "KyoUI/PSMTabView.h"
 #include <QTableWidget>
 #include <QUrl>
 
@@ -73,12 +73,12 @@ TEST(SafetyCheck, ListFollowsEditsAndLeadsToTheCue) {
   EXPECT_FALSE(list.warningButton()->isHidden());
 
   // A row brings its cart's tab forward and selects the cue's pad.
-  t.window->tabView()->setCurrentIndex(0);
+  t.window->tabView()->selectTabViewItemAtIndex(0);
   list.brokenCueTableView()->selectRow(2);
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 1);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 1);
   EXPECT_EQ(t.grid(1)->gridView()->selectedIndex(), 4u);
   list.brokenCueTableView()->selectRow(1);
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 0);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 0);
   EXPECT_EQ(grid->gridView()->selectedIndex(), 2u);
 
   // Mended in the inspector and by a new file on the slot: the rows go by themselves.

@@ -425,3 +425,35 @@ TEST(Screenshot, SafetyCheckListAndPopover) {
   const QImage shown = screen->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height()).toImage();
   EXPECT_TRUE(shown.save(artifactsDir() + "/safety-check-popover.png", "PNG"));
 }
+
+// A show of many carts: the tab bar with its overflow button at the right.
+TEST(Screenshot, ManyCartsOverflowTheTabBar) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  FakeSources sources(true);
+  TestWindow t;
+  t.window->resize(1180, 700);
+  const char* names[] = {"Pre-show", "Act 1",    "Act 1 effects", "Interval", "Act 2", "Act 2 effects",
+                         "Finale",   "Bows",     "Walk-out",      "Spares",   "Emergency", "Rehearsal",
+                         "Sound check", "Voice-over", "Announcements", "Music beds"};
+  t.grid(0)->cart()->setName(names[0]);
+  for (size_t i = 1; i < std::size(names); ++i) {
+    t.window->newTab();
+    t.grid(static_cast<int>(i))->cart()->setName(names[i]);
+  }
+  t.window->updateTabLabels();
+  t.window->selectTab(2);
+  GridController* grid = t.grid(1);
+  for (unsigned i = 0; i < 6; ++i) {
+    auto cue = AudioCue::createWithFile("/show/cue.wav", t.workspace()->audioDevice());
+    cue->setName(std::string("Cue ") + std::to_string(i + 1));
+    cue->setHotkey(grid->cart()->defaultHotkeyForIndex(i));
+    cue->setColor(SontoColor::colorWithName(SontoColor::colors()[i % 8]));
+    cue->setEndTimeValue(30.0);
+    grid->addCue(cue, i);
+  }
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
+  pumpUntil([] { return false; }, 0.6);  // the cells' slide into place
+  EXPECT_FALSE(t.window->tabBar()->overflowPopUpButton()->isHidden());
+  const QImage image = grabFromScreen(t.window);
+  EXPECT_TRUE(image.save(artifactsDir() + "/many-carts.png", "PNG"));
+}

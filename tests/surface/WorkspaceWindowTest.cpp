@@ -2,7 +2,7 @@
 // show mode refuses, and the edited mark through undo and redo.
 #include <QApplication>
 #include <QMenuBar>
-#include <QTabWidget>
+#include "KyoUI/PSMTabView.h"
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ TEST(WorkspaceWindow, OpensUntitledWithCartOneAndAnEmptyGrid) {
   TestWindow t;
   WorkspaceController* window = t.window;
   EXPECT_EQ(window->tabView()->count(), 1);
-  EXPECT_EQ(window->tabView()->tabText(0), "Cart 1");
+  EXPECT_EQ(window->tabView()->itemAt(0).label, "Cart 1");
   EXPECT_TRUE(window->windowTitle().startsWith("Untitled"));
   EXPECT_FALSE(window->isWindowModified());
   EXPECT_TRUE(window->inEditMode());
@@ -69,13 +69,13 @@ TEST(WorkspaceWindow, HotKeyFiresVisibleCartOnlyAndOncePerPress) {
 
   // Control with a digit picks the cart; from then on the key belongs to it.
   tapKey(grid, Qt::Key_2, kEvdev2, "2", Qt::ControlModifier);
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 1);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 1);
   tapKey(t.grid(1)->gridView(), Qt::Key_Q, kEvdevQ, "q");
   EXPECT_EQ(second->downs, 1);
   EXPECT_EQ(first->downs, 2);
   // A cart number beyond the tabs does nothing; Control with the key fires nothing.
   tapKey(t.grid(1)->gridView(), Qt::Key_7, 8, "7", Qt::ControlModifier);
-  EXPECT_EQ(t.window->tabView()->currentIndex(), 1);
+  EXPECT_EQ(t.window->tabView()->selectedIndex(), 1);
   tapKey(t.grid(1)->gridView(), Qt::Key_Q, kEvdevQ, "q", Qt::ControlModifier);
   EXPECT_EQ(second->downs, 1);
 }

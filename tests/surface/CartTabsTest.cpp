@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QSettings>
+#include <QTest>
 #include "KyoUI/PSMTabBarControl.h"
 #include "KyoUI/PSMTabDragAssistant.h"
 #include "KyoUI/PSMTabView.h"
@@ -121,9 +122,19 @@ TEST(CartTabs, ReorderedTabsAreTheCartsOrderInTheFile) {
   TestWindow t;
   t.window->newTab();
   t.window->newTab();
+  QApplication::processEvents();  // the new tabs' undo group closes
   const size_t steps = t.window->undoManager()->undoCount();
-  t.window->tabView()->moveTabViewItem(0, 2);
-  t.window->tabsReordered();
+  // The first tab dragged by the mouse to the last place.
+  PSMTabBarControl* bar = t.window->tabBar();
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
+  const QRectF first = bar->controller()->cellFrameAtIndex(0), last = bar->controller()->cellFrameAtIndex(2);
+  const QPoint from(int(first.center().x()) + 20, int(first.center().y()));
+  const QPoint to(int(last.x() + last.width() * 0.75), int(last.center().y()));
+  QTest::mousePress(bar, Qt::LeftButton, {}, from);
+  for (int x = from.x(); x <= to.x(); x += 20) QTest::mouseMove(bar, QPoint(x, from.y()));
+  QTest::mouseMove(bar, to);
+  pumpUntil([] { return false; }, 0.4);  // the placeholders open the gap
+  QTest::mouseRelease(bar, Qt::LeftButton, {}, to);
   EXPECT_EQ(cartNames(*t.workspace()), (std::vector<std::string>{"Cart 2", "Cart 3", "Cart 1"}));
   EXPECT_EQ(tabNames(*t.window), cartNames(*t.workspace()));
   EXPECT_TRUE(t.workspace()->isDocumentEdited());

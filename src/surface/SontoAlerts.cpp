@@ -78,33 +78,39 @@ Answer askToSaveChanges(QWidget* parent, const QString& documentName, bool canSa
   return Answer::Cancel;
 }
 
-bool confirmCloseTab(QWidget* parent) {
-  if (g_closeTabHandler) return g_closeTabHandler();
+namespace {
+// A warning with a button that goes on and "Cancel"; true when the first was chosen.
+// The default is the button that goes on only where nothing is lost by a slip.
+bool confirm(QWidget* parent, const QString& message, const QString& informativeText, const QString& goOn,
+             QMessageBox::ButtonRole role, bool goOnIsDefault) {
   QMessageBox box(parent);
   box.setIcon(QMessageBox::Warning);
-  box.setText(QStringLiteral("Are you sure you want to close this tab?"));
-  box.setInformativeText(QStringLiteral("All cues in this cart will be removed."));
-  QPushButton* ok = box.addButton(QStringLiteral("OK"), QMessageBox::AcceptRole);
+  box.setText(message);
+  box.setInformativeText(informativeText);
+  QPushButton* accept = box.addButton(goOn, role);
   QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
-  box.setDefaultButton(ok);
+  box.setDefaultButton(goOnIsDefault ? accept : cancel);
   box.setEscapeButton(cancel);
   box.exec();
-  return box.clickedButton() == ok;
+  return box.clickedButton() == accept;
+}
+}  // namespace
+
+bool confirmCloseTab(QWidget* parent) {
+  if (g_closeTabHandler) return g_closeTabHandler();
+  // Undoable, so the default may go on.
+  return confirm(parent, QStringLiteral("Are you sure you want to close this tab?"),
+                 QStringLiteral("All cues in this cart will be removed."), QStringLiteral("OK"),
+                 QMessageBox::AcceptRole, true);
 }
 
 bool confirmRevert(QWidget* parent, const QString& documentName) {
   if (g_revertHandler) return g_revertHandler(documentName);
-  QMessageBox box(parent);
-  box.setIcon(QMessageBox::Warning);
-  box.setText(QStringLiteral("Do you want to revert to the most recently saved version of the document \u201C%1\u201D?")
-                  .arg(documentName));
-  box.setInformativeText(QStringLiteral("Your current changes will be lost."));
-  QPushButton* revert = box.addButton(QStringLiteral("Revert"), QMessageBox::DestructiveRole);
-  QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
-  box.setDefaultButton(cancel);
-  box.setEscapeButton(cancel);
-  box.exec();
-  return box.clickedButton() == revert;
+  return confirm(parent,
+                 QStringLiteral("Do you want to revert to the most recently saved version of the document \u201C%1\u201D?")
+                     .arg(documentName),
+                 QStringLiteral("Your current changes will be lost."), QStringLiteral("Revert"),
+                 QMessageBox::DestructiveRole, false);
 }
 
 void showSavingError(QWidget* parent, const SavingError& error) {

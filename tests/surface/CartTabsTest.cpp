@@ -122,9 +122,12 @@ TEST(CartTabs, ReorderedTabsAreTheCartsOrderInTheFile) {
   TestWindow t;
   t.window->newTab();
   t.window->newTab();
-  QApplication::processEvents();  // the new tabs' undo group closes
+  // The first tab dragged by the mouse to the last place, its cue playing on.
+  auto playing = countingCue("Playing", "P");
+  t.grid(0)->addCue(playing, 0);
+  playing->setPlaying(true);
+  QApplication::processEvents();  // the undo group of the edits so far closes
   const size_t steps = t.window->undoManager()->undoCount();
-  // The first tab dragged by the mouse to the last place.
   PSMTabBarControl* bar = t.window->tabBar();
   ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
   const QRectF first = bar->controller()->cellFrameAtIndex(0), last = bar->controller()->cellFrameAtIndex(2);
@@ -139,6 +142,8 @@ TEST(CartTabs, ReorderedTabsAreTheCartsOrderInTheFile) {
   EXPECT_EQ(tabNames(*t.window), cartNames(*t.workspace()));
   EXPECT_TRUE(t.workspace()->isDocumentEdited());
   EXPECT_EQ(t.window->undoManager()->undoCount(), steps);
+  EXPECT_TRUE(playing->playing());
+  EXPECT_EQ(playing->hardStops, 0);
   const std::string path = sonto::test::temporaryPath("Reordered.sonto");
   ASSERT_TRUE(save(t.window, path));
   auto reread = std::make_shared<Workspace>();

@@ -187,11 +187,16 @@ uint32_t KyoLV2Unit::instancesNeeded() const {
   return (pluginInputs() == 1 && pluginOutputs() == 1) ? std::max<uint32_t>(1, m_channels) : 1;
 }
 
+// A mono stream fits any plugin with audio in and out: every input takes the one
+// channel, and the outputs are averaged back into it (a stereo effect heard in mono).
 bool KyoLV2Unit::canSetStreamFormat(KyoAudioUnitScope scope, uint32_t element,
                                     const KyoAudioStreamDescription& format) const {
   const int32_t supported = supportedChannels(scope == kKyoAudioUnitScope_Input);
-  return supported < 0 || (uint32_t)supported == format.channels();
+  if (supported < 0 || (uint32_t)supported == format.channels()) return true;
+  return format.channels() == 1 && pluginInputs() > 0 && pluginOutputs() > 0;
 }
+
+bool KyoLV2Unit::fitsMono() const { return m_channels == 1 && !(pluginInputs() == 1 && pluginOutputs() == 1); }
 
 bool KyoLV2Unit::instantiate() {
   KyoLV2World& lv2 = KyoLV2World::shared();
@@ -253,7 +258,9 @@ bool KyoLV2Unit::instantiateSet(std::vector<Instance>& set) {
       if (port.kind == KyoLV2Port::Kind::Atom) {
         slot.atoms[port.index].assign((port.atomBufferSize + sizeof(uint64_t) - 1) / sizeof(uint64_t), 0);
       } else if (port.kind == KyoLV2Port::Kind::CV ||
-                 (port.kind == KyoLV2Port::Kind::Audio && !port.isInput && m_inPlaceBroken)) {
+                 (port.kind == KyoLV2Port::Kind::Audio && !port.isInput && (m_inPlaceBroken || !isPerChannel()))) {
+        // Outputs of a plugin of several channels have room of their own, for the
+        // in-place-broken and for a mono stream's fold-down.
         slot.scratch[port.index].assign(m_maxFrames, 0.0f);
       }
       // Ports that stay put are connected once; audio ports follow the caller's buffers.
@@ -587,18 +594,20 @@ void KyoLV2Unit::runBlock(Instance& slot, size_t index, const AudioBufferList* i
   if (m_enabledPort >= 0) slot.controls[m_enabledPort] = bypassed ? 0.0f : 1.0f;
   if (m_freeWheelPort >= 0) slot.controls[m_freeWheelPort] = 0.0f;
 
-  // One instance takes channel j on its port j; per-channel instances take their channel on port 0.
-  const bool perChannel = m_instances.size() > 1 || (pluginInputs() == 1 && pluginOutputs() == 1);
+  // One instance takes channel j on its port j; per-channel instances take their channel
+  // on port 0; a mono stream feeds every input of a plugin of several channels.
+  const bool perChannel = m_instances.size() > 1 || isPerChannel();
+  const bool fit = !perChannel && fitsMono();
   for (size_t j = 0; j < m_audioInputs.size(); ++j) {
-    const uint32_t channel = perChannel ? (uint32_t)index : (uint32_t)j;
+    const uint32_t channel = perChannel ? (uint32_t)index : fit ? 0 : (uint32_t)j;
     float* data = static_cast<float*>(input->mBuffers[channel].mData) + offset;
     lilv_instance_connect_port(slot.instance, m_audioInputs[j], data);
   }
   for (size_t j = 0; j < m_audioOutputs.size(); ++j) {
     const uint32_t port = m_audioOutputs[j];
     const uint32_t channel = perChannel ? (uint32_t)index : (uint32_t)j;
-    float* data = m_inPlaceBroken ? slot.scratch[port].data()
-                                  : static_cast<float*>(output->mBuffers[channel].mData) + offset;
+    float* data = (m_inPlaceBroken || fit) ? slot.scratch[port].data()
+                                           : static_cast<float*>(output->mBuffers[channel].mData) + offset;
     lilv_instance_connect_port(slot.instance, port, data);
   }
   for (const KyoLV2Port& port : m_ports) {
@@ -621,7 +630,15 @@ void KyoLV2Unit::runBlock(Instance& slot, size_t index, const AudioBufferList* i
   lilv_instance_run(slot.instance, frames);
   if (slot.worker) slot.worker->endRun();
 
-  if (m_inPlaceBroken) {
+  if (fit) {
+    float* mono = static_cast<float*>(output->mBuffers[0].mData) + offset;
+    const float share = 1.0f / (float)m_audioOutputs.size();
+    for (uint32_t i = 0; i < frames; ++i) {
+      float sum = 0.0f;
+      for (uint32_t port : m_audioOutputs) sum += slot.scratch[port][i];
+      mono[i] = sum * share;
+    }
+  } else if (m_inPlaceBroken) {
     for (size_t j = 0; j < m_audioOutputs.size(); ++j) {
       const uint32_t channel = perChannel ? (uint32_t)index : (uint32_t)j;
       memcpy(static_cast<float*>(output->mBuffers[channel].mData) + offset, slot.scratch[m_audioOutputs[j]].data(),

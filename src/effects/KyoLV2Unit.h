@@ -156,6 +156,10 @@ class KyoLV2Unit final : public KyoAudioUnit {
   static void setPortValue(const char* symbol, void* self, const void* value, uint32_t size, uint32_t type);
   int32_t portIndexForSymbol(const char* symbol) const;
   uint32_t instancesNeeded() const;
+  // A plugin of one input and one output runs once per channel.
+  bool isPerChannel() const { return pluginInputs() == 1 && pluginOutputs() == 1; }
+  // A mono stream through a plugin of several channels.
+  bool fitsMono() const;
 
   std::string m_uri;
   const LilvPlugin* m_plugin = nullptr;

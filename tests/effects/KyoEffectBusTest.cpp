@@ -84,17 +84,18 @@ void expectChainGain(ChainOwner& owner, uint32_t channels, uint32_t frames, floa
 
 TEST(KyoEffectBus, AudioEntersAtTheLastEffectAndPassesByOnesThatRefuseTheFormat) {
   if (!haveMDAPlugins()) GTEST_SKIP() << "mda-lv2 is not installed";
-  // A mono chain: the stereo overdrive cannot take part, but stays on the list.
+  // A chain of three channels: the stereo overdrive cannot take part, but stays on
+  // the list. (One channel it would take, feeding both inputs.)
   auto a = gainEffect(-6.0f);
   auto b = effectWithURI(kMDAOverdriveURI);
   auto c = gainEffect(-3.0f);
   ASSERT_TRUE(a && b && c);
-  KyoEffectBus bus(1);
+  KyoEffectBus bus(3);
   bus.setEffects({a, b, c});
 
   LogCapture log;
   ChainOwner owner(bus);
-  ASSERT_TRUE(owner.rebuild(44100.0, 1));
+  ASSERT_TRUE(owner.rebuild(44100.0, 3));
   EXPECT_TRUE(log.contains("Error: MDA Overdrive does not support input format: "));
   EXPECT_TRUE(log.contains("Error: MDA Overdrive does not support output format: "));
   EXPECT_EQ(bus.usedEffects(), (std::vector<std::shared_ptr<KyoEffect>>{a, c}));
@@ -106,12 +107,14 @@ TEST(KyoEffectBus, AudioEntersAtTheLastEffectAndPassesByOnesThatRefuseTheFormat)
   EXPECT_EQ(owner.destinationUnit()->inputUnit(0), a->audioUnit());
   EXPECT_EQ(a->audioUnit()->inputUnit(0), c->audioUnit());
   EXPECT_FALSE(b->audioUnit()->hasInput(0));
-  for (uint32_t frames : {1u, 64u, 511u, 512u}) expectChainGain(owner, 1, frames, -9.0f);
+  for (uint32_t frames : {1u, 64u, 511u, 512u}) expectChainGain(owner, 3, frames, -9.0f);
   EXPECT_DOUBLE_EQ(bus.latency(), 2 * kGainLatencyFrames / 44100.0);
 
-  // In stereo all three take part, and the overdrive's settings were kept meanwhile.
+  // In stereo and in mono all three take part, and the overdrive's settings were kept meanwhile.
   b->setValue(0.7f, 0);
   ASSERT_TRUE(owner.rebuild(44100.0, 2));
+  EXPECT_EQ(bus.usedEffects().size(), 3u);
+  ASSERT_TRUE(owner.rebuild(44100.0, 1));
   EXPECT_EQ(bus.usedEffects().size(), 3u);
   EXPECT_EQ(bus.lastUsedEffect(), c);
   EXPECT_FLOAT_EQ(b->valueForParameter(0), 0.7f);

@@ -72,3 +72,18 @@ TEST(KyoLV2RealPlugins, APluginThatRequiresTheWorkerIsCataloguedRunsAndRoundTrip
   EXPECT_EQ(KyoLV2World::missingFeature(KyoLV2World::shared().pluginForURI(kConvolverURI)), "");
   expectRunsAndRoundTrips(kConvolverURI, true);
 }
+
+// A mono stream through stereo plugins: both inputs take the one channel and the two
+// outputs fold back into it: a balance at its defaults passes the signal as it came,
+// without allocating.
+TEST(KyoLV2RealPlugins, AMonoStreamRunsThroughAStereoPlugin) {
+  constexpr const char* kBalanceURI = "http://gareus.org/oss/lv2/balance";
+  if (!KyoLV2World::shared().pluginForURI(kBalanceURI)) GTEST_SKIP() << "x42-plugins is not installed";
+  TestSignalSource source;
+  auto balance = effectWithURI(kBalanceURI);
+  ASSERT_TRUE(balance && attach(*balance, 48000.0, 1, source)) << "a mono format is taken";
+  const Rendering mono = renderCycles(*balance, 1, 256, 8);
+  EXPECT_EQ(mono.status, 0);
+  EXPECT_EQ(mono.allocations, 0u);
+  for (uint32_t i = 0; i < mono.samples.size(); ++i) ASSERT_NEAR(mono.samples[i], testSignal(i, 0), 1e-6f) << i;
+}

@@ -138,9 +138,11 @@ TEST(KyoLV2Unit, FormatsOutsideThePluginAreRefused) {
   auto stereo = KyoLV2Unit::create(kMDAOverdriveURI);
   ASSERT_NE(stereo, nullptr);
   EXPECT_EQ(stereo->supportedChannels(true), 2);
-  EXPECT_EQ(stereo->setStreamFormat(kKyoAudioUnitScope_Input, 0, KyoAudioStreamDescription(48000.0, 1)),
+  EXPECT_EQ(stereo->setStreamFormat(kKyoAudioUnitScope_Input, 0, KyoAudioStreamDescription(48000.0, 3)),
             kKyoAudioUnitErr_FormatNotSupported);
   EXPECT_EQ(stereo->setStreamFormat(kKyoAudioUnitScope_Input, 0, KyoAudioStreamDescription(48000.0, 2)), 0);
+  // One channel is taken too: it feeds both inputs.
+  EXPECT_EQ(stereo->setStreamFormat(kKyoAudioUnitScope_Input, 0, KyoAudioStreamDescription(48000.0, 1)), 0);
 }
 
 TEST(KyoLV2Unit, StateAndPresetsRoundTrip) {

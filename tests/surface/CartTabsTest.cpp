@@ -4,6 +4,7 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QPointer>
 #include <QSettings>
 #include <QTest>
 #include "KyoUI/PSMTabBarControl.h"
@@ -20,6 +21,7 @@
 #include "surface/GridController.h"
 #include "surface/SontoAlerts.h"
 #include "surface/SontoDocumentController.h"
+#include "surface/SontoProgressSheet.h"
 #include "surface/SurfaceTestSupport.h"
 #include "surface/WorkspaceController.h"
 #include "support/TestFiles.h"
@@ -255,4 +257,20 @@ TEST(CartTabs, BarDragsReorderMoveAndTearOff) {
   EXPECT_EQ(cartNames(*source.workspace()), (std::vector<std::string>{"Cart 3"}));
   EXPECT_FALSE(source.window->tabBar()->isVisible()) << "one tab left: the bar hides";
   torn->closeWithoutAsking();
+}
+
+// The "Saving" sheet shows only for a save that outlasts its moment.
+TEST(CartTabs, SavingSheetWaitsForALongSave) {
+  TestWindow t;
+  QPointer<SontoProgressSheet> quick = new SontoProgressSheet(QStringLiteral("Saving"), t.window);
+  QPointer<SontoProgressSheet> slow = new SontoProgressSheet(QStringLiteral("Saving"), t.window);
+  quick->showOnWindow();
+  slow->showOnWindow();
+  quick->hideSheet();
+  pumpUntil([&] { return slow->isVisible(); }, 2.0);
+  EXPECT_TRUE(slow->isVisible());
+  EXPECT_TRUE(!quick || !quick->isVisible());
+  slow->hideSheet();
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+  EXPECT_FALSE(slow) << "gone once hidden";
 }

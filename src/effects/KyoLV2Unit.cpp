@@ -479,6 +479,21 @@ std::string KyoLV2Unit::saveState(const std::string& label) const {
   return result;
 }
 
+bool KyoLV2Unit::savePreset(const std::string& bundleDir, const std::string& fileName, const std::string& label) const {
+  if (m_instances.empty()) return false;
+  KyoLV2World& lv2 = KyoLV2World::shared();
+  LilvState* state = lilv_state_new_from_instance(
+      m_plugin, m_instances[0].instance, lv2.mapFeature(), nullptr, nullptr, nullptr, bundleDir.c_str(), getPortValue,
+      const_cast<KyoLV2Unit*>(this), LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE, m_features);
+  if (!state) return false;
+  lilv_state_set_label(state, label.c_str());
+  const int failed = lilv_state_save(lv2.world(), lv2.mapFeature(), lv2.unmapFeature(), state, nullptr,
+                                     bundleDir.c_str(), fileName.c_str());
+  lilv_state_free(state);
+  if (failed) KyoLog("Error: %s: the preset could not be written to %s", m_uri.c_str(), bundleDir.c_str());
+  return !failed;
+}
+
 bool KyoLV2Unit::restoreState(const std::string& text, std::string* label) {
   if (text.empty()) return false;
   KyoLV2World& lv2 = KyoLV2World::shared();

@@ -112,6 +112,17 @@ class KyoLV2Unit final : public KyoAudioUnit {
   // The plugin's own presets, sorted by label.
   std::vector<KyoLV2Preset> factoryPresets() const;
   bool loadPreset(const std::string& presetURI);
+  // Writes the complete state as an LV2 preset bundle (a manifest and the file) that
+  // other hosts read too. False when the unit has no instance or lilv cannot write.
+  bool savePreset(const std::string& bundleDir, const std::string& fileName, const std::string& label) const;
+
+  // The plugin and its first instance, for a plugin interface that asks for direct
+  // access. Null before the first instantiate; a restore that swaps instances
+  // changes the handle.
+  const LilvPlugin* plugin() const { return m_plugin; }
+  void* instanceHandle() const {
+    return m_instances.empty() ? nullptr : lilv_instance_get_handle(m_instances[0].instance);
+  }
 
   // Render thread. Input and output may be the same list (processing in place).
   // Both need at least channels() non-interleaved buffers; longer calls than the

@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "effects/ui/KyoEffectEditor.h"
 #include "foundation/KyoClock.h"
 #include "foundation/KyoEnvironment.h"
 #include "foundation/KyoLog.h"
@@ -229,6 +230,8 @@ int sontoRunApplication(int argc, char** argv) {
   SontoTheme::apply(application);
   // Every cue made from here on sounds through the engine, on its workspace's device.
   AudioCueSourceKyo::install();
+  // An effect's "open editor" shows its window.
+  KyoEffectEditor::install();
   application.applicationDidFinishLaunching();
 
   auto& documents = SontoDocumentController::sharedDocumentController();

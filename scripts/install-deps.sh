@@ -11,7 +11,7 @@ packages=(
   libsndfile1-dev libavformat-dev libavcodec-dev libswresample-dev libavutil-dev
   libsoxr-dev
   lv2-dev liblilv-dev libsuil-dev mda-lv2 lsp-plugins-lv2 x42-plugins
-  xvfb xauth fonts-dejavu-core
+  xvfb xauth fonts-dejavu-core fonts-freefont-ttf
   sox ffmpeg espeak-ng
   clang
 )

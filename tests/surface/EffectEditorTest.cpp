@@ -275,6 +275,7 @@ TEST(Screenshot, EffectEditorX11) {
     ASSERT_NE(e.editor->pluginView(), nullptr);
     std::printf("[ figure ] X11 interface: openEditor to a shown window in %.1f ms\n", e.openMs);
     EXPECT_GE(e.editor->pluginView()->height(), 50);
+    std::printf("[ figure ] X11 interface size %dx%d\n", e.editor->pluginView()->width(), e.editor->pluginView()->height());
     saveScreenshot(e.editor, "effect-editor-x11.png");
     e.effect->closeEditor();
     EXPECT_TRUE(pumpUntil([&] { return e.effect->editor() == nullptr; }, 5));

@@ -97,7 +97,8 @@ void KyoEffectEditor::fitToContent() {
   QSize content = m_pluginView ? m_pluginView->sizeHint() : m_genericView->sizeHint();
   // A long list of controls scrolls rather than running off the screen.
   const QScreen* screen = QGuiApplication::primaryScreen();
-  const int tallest = screen ? screen->availableGeometry().height() * 3 / 4 : 700;
+  // A plugin's own interface cannot scroll: it gets its whole height.
+  const int tallest = m_pluginView ? content.height() : screen ? screen->availableGeometry().height() * 3 / 4 : 700;
   resize(std::max(kMinimumWidth, content.width()), std::min(tallest, content.height() + kStripHeight));
   setMinimumWidth(kMinimumWidth);
   if (screen) move(screen->availableGeometry().center() - rect().center());

@@ -162,6 +162,8 @@ class AudioCue : public Cue, public std::enable_shared_from_this<AudioCue> {
   // The device's whole output matrix, from this channel on (0 or less is 1).
   void setDeviceChannel(long channel);
   void moveEffectAtIndex(size_t from, size_t to);
+  // Bypasses or enables one of this cue's effects and tells the cue's observers.
+  void setEffectEnabled(const std::shared_ptr<KyoEffect>& effect, bool enabled);
   void updateEffects();
   void closeEffectEditors();
 

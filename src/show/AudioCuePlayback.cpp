@@ -339,6 +339,12 @@ void AudioCue::moveEffectAtIndex(size_t from, size_t to) {
   updateEffects();
 }
 
+void AudioCue::setEffectEnabled(const std::shared_ptr<KyoEffect>& effect, bool enabled) {
+  if (std::find(m_effects->begin(), m_effects->end(), effect) == m_effects->end()) return;
+  effect->setEnabled(enabled);
+  emit effectsChanged();
+}
+
 void AudioCue::updateEffects() {
   const bool wasPlaying = isPlaying();
   const double time = elapsedTime();

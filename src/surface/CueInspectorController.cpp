@@ -7,7 +7,7 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
-#include <QListWidget>
+#include <QMimeData>
 #include <QMenu>
 #include <QPainter>
 #include <QPainterPath>
@@ -86,6 +86,30 @@ void registerRestore(SontoUndoManager* undo, const std::weak_ptr<AudioCue>& weak
     if (!followed) registerRestore(undo, weak, now, property, inspector);
   });
   if (!undo->isUndoing()) undo->setActionName(QString::fromLatin1(property.actionName));
+}
+
+// The pasteboard type of a dragged effect row: its index in the chain, as decimal text.
+constexpr const char* kReorderTableType = "SontoReorderTableType";
+
+// Both steps register their own inverse, so that redo works as undo does.
+void moveEffectUndoably(SontoUndoManager* undo, const std::weak_ptr<AudioCue>& weak, size_t from, size_t to) {
+  auto cue = weak.lock();
+  if (!cue) return;
+  cue->moveEffectAtIndex(from, to);
+  if (!undo) return;
+  undo->registerUndo(cue.get(), [undo, weak, from, to] { moveEffectUndoably(undo, weak, to, from); });
+  if (!undo->isUndoing()) undo->setActionName(QStringLiteral("Reorder Effects"));
+}
+
+void setEffectEnabledUndoably(SontoUndoManager* undo, const std::weak_ptr<AudioCue>& weak,
+                              const std::shared_ptr<KyoEffect>& effect, bool enabled) {
+  auto cue = weak.lock();
+  if (!cue || effect->enabled() == enabled) return;
+  cue->setEffectEnabled(effect, enabled);
+  // A unit without a bypass keeps its state, and then there is nothing to undo.
+  if (!undo || effect->enabled() != enabled) return;
+  undo->registerUndo(cue.get(), [undo, weak, effect, enabled] { setEffectEnabledUndoably(undo, weak, effect, !enabled); });
+  if (!undo->isUndoing()) undo->setActionName(enabled ? QStringLiteral("Enable Effect") : QStringLiteral("Bypass Effect"));
 }
 
 QString midiNoteText(const std::optional<int>& note) { return note ? QString::number(*note) : QString(); }
@@ -302,10 +326,11 @@ void CueInspectorController::buildView() {
   auto* effectsColumn = new QVBoxLayout(right);
   effectsColumn->setContentsMargins(0, 0, 0, 0);
   effectsColumn->addWidget(new QLabel(QStringLiteral("Effects"), right));
-  m_effectsTable = new QListWidget(right);
+  m_effectsTable = new KyoEffectListView(right);
   m_effectsTable->setObjectName(QStringLiteral("effectsTable"));
   m_effectsTable->setFixedWidth(170);
-  m_effectsTable->setFocusPolicy(Qt::TabFocus);
+  m_effectsTable->setDelegate(this);
+  m_effectsTable->setDataSource(this);
   effectsColumn->addWidget(m_effectsTable, 1);
   row->addWidget(right);
 
@@ -333,11 +358,6 @@ void CueInspectorController::buildView() {
   connect(m_startTimeField, &QLineEdit::editingFinished, this, [this] { setStartTime(m_startTimeField->text()); });
   connect(m_endTimeField, &QLineEdit::editingFinished, this, [this] { setEndTime(m_endTimeField->text()); });
   connect(fromSelection, &QPushButton::clicked, this, &CueInspectorController::setStartEndFromSelection);
-  connect(m_effectsTable, &QListWidget::itemDoubleClicked, this, [this](QListWidgetItem* item) {
-    const int row = m_effectsTable->row(item);
-    if (!m_cue || !m_cue->effects() || row < 0 || row >= static_cast<int>(m_cue->effects()->size())) return;
-    (*m_cue->effects())[static_cast<size_t>(row)]->openEditor();
-  });
 }
 
 // The scan of every installed plug-in is slow, so the menu is made when first opened
@@ -490,9 +510,7 @@ QString CueInspectorController::volumeText(float volume) {
 }
 
 void CueInspectorController::refreshEffects() {
-  m_effectsTable->clear();
-  if (!m_cue || !m_cue->effects()) return;
-  for (const auto& effect : *m_cue->effects()) m_effectsTable->addItem(qString(effect->displayName()));
+  m_effectsTable->reloadData();
 }
 
 void CueInspectorController::updateColor() {
@@ -617,20 +635,80 @@ void CueInspectorController::addEffect(const std::shared_ptr<KyoEffect>& prototy
 }
 
 void CueInspectorController::removeEffect() {
-  if (!m_cue || !m_cue->effects() || m_cue->effects()->empty()) return;
-  const int row = m_effectsTable->currentRow();
-  if (row < 0 || row >= static_cast<int>(m_cue->effects()->size())) return;
-  std::shared_ptr<KyoEffect> effect = (*m_cue->effects())[static_cast<size_t>(row)];
+  if (!m_cue || !m_cue->effects()) return;
+  auto* selected = static_cast<KyoEffect*>(m_effectsTable->selectedItem());
+  if (selected) removeEffect(selected->shared_from_this());
+}
+
+void CueInspectorController::removeEffect(const std::shared_ptr<KyoEffect>& effect) {
+  if (!m_cue || !m_cue->effects()) return;
+  const auto& effects = *m_cue->effects();
+  const auto place = std::find(effects.begin(), effects.end(), effect);
+  if (place == effects.end()) return;
+  const size_t index = static_cast<size_t>(place - effects.begin());
   effect->closeEditor();
   if (SontoUndoManager* undo = undoManager()) {
     std::weak_ptr<AudioCue> weak = m_cue;
-    undo->registerUndo(m_cue.get(), [weak, effect] {
-      if (auto cue = weak.lock()) cue->addEffect(effect);
+    // Back into the place it had in the chain, not at the end.
+    undo->registerUndo(m_cue.get(), [weak, effect, index] {
+      auto cue = weak.lock();
+      if (!cue) return;
+      cue->addEffect(effect);
+      cue->moveEffectAtIndex(cue->effects()->size() - 1, std::min(index, cue->effects()->size() - 1));
     });
     if (!undo->isUndoing()) undo->setActionName(QStringLiteral("Remove Effect"));
   }
   m_cue->removeEffect(effect);
   refreshEffects();
+}
+
+void CueInspectorController::deleteEffect(KyoEffectListView*, const std::shared_ptr<KyoEffect>& effect) {
+  removeEffect(effect);
+}
+
+void CueInspectorController::setEffectEnabled(KyoEffectListView*, const std::shared_ptr<KyoEffect>& effect,
+                                              bool enabled) {
+  setEffectEnabledUndoably(undoManager(), m_cue, effect, enabled);
+}
+
+// -- The effects list's rows and drags
+
+int CueInspectorController::numberOfChildrenOfItem(KyoOutlineView*, KyoOutlineItem item) {
+  if (item || !m_cue || !m_cue->effects()) return 0;
+  return static_cast<int>(m_cue->effects()->size());
+}
+
+KyoOutlineItem CueInspectorController::child(KyoOutlineView*, int index, KyoOutlineItem) {
+  return (*m_cue->effects())[static_cast<size_t>(index)].get();
+}
+
+bool CueInspectorController::writeItems(KyoOutlineView* view, const std::vector<KyoOutlineItem>& items,
+                                        QMimeData* pasteboard) {
+  if (items.empty()) return false;
+  const int index = view->indexOfItem(items.front());
+  if (index < 0) return false;
+  pasteboard->setData(QString::fromLatin1(kReorderTableType), QByteArray::number(index));
+  return true;
+}
+
+// Effects go between rows only, never onto one.
+Qt::DropAction CueInspectorController::validateDrop(KyoOutlineView*, const QMimeData* pasteboard, KyoOutlineItem item,
+                                                    int) {
+  if (item || !m_cue || !pasteboard->hasFormat(QString::fromLatin1(kReorderTableType))) return Qt::IgnoreAction;
+  return Qt::MoveAction;
+}
+
+bool CueInspectorController::acceptDrop(KyoOutlineView*, const QMimeData* pasteboard, KyoOutlineItem, int childIndex) {
+  bool ok = false;
+  const long from = pasteboard->data(QString::fromLatin1(kReorderTableType)).toLong(&ok);
+  const long count = m_cue && m_cue->effects() ? static_cast<long>(m_cue->effects()->size()) : 0;
+  if (!ok || from < 0 || from >= count) return false;
+  // The drop names a gap between rows (-1 below them all); the row leaves its own place first.
+  long to = childIndex < 0 ? count : childIndex;
+  if (to > from) --to;
+  to = std::clamp(to, 0L, count - 1);
+  moveEffectUndoably(undoManager(), m_cue, static_cast<size_t>(from), static_cast<size_t>(to));
+  return true;
 }
 
 // -- Keys in the fields

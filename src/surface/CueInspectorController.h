@@ -20,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "effects/ui/KyoEffectListView.h"
 #include "foundation/SontoColor.h"
 
 class AudioCue;
@@ -30,7 +31,6 @@ class KyoEffect;
 class QButtonGroup;
 class QLabel;
 class QLineEdit;
-class QListWidget;
 class QMenu;
 class QPushButton;
 class QScrollArea;
@@ -64,7 +64,7 @@ class SontoColorCell : public QAbstractButton {
   SontoColor m_color;
 };
 
-class CueInspectorController : public QObject {
+class CueInspectorController : public QObject, public KyoOutlineViewDataSource, public KyoEffectListDelegate {
   Q_OBJECT
 
  public:
@@ -110,7 +110,19 @@ class CueInspectorController : public QObject {
   void captureMIDINote() { setCaptureMIDI(!m_captureMIDI); }
 
   void addEffect(const std::shared_ptr<KyoEffect>& prototype);
+  // The selected effect, as the Delete key asks.
   void removeEffect();
+  void removeEffect(const std::shared_ptr<KyoEffect>& effect);
+
+  // The effects list: its rows are the cue's effects, in the order of the chain.
+  int numberOfChildrenOfItem(KyoOutlineView* view, KyoOutlineItem item) override;
+  KyoOutlineItem child(KyoOutlineView* view, int index, KyoOutlineItem item) override;
+  bool writeItems(KyoOutlineView* view, const std::vector<KyoOutlineItem>& items, QMimeData* pasteboard) override;
+  Qt::DropAction validateDrop(KyoOutlineView* view, const QMimeData* pasteboard, KyoOutlineItem item,
+                              int childIndex) override;
+  bool acceptDrop(KyoOutlineView* view, const QMimeData* pasteboard, KyoOutlineItem item, int childIndex) override;
+  void deleteEffect(KyoEffectListView* view, const std::shared_ptr<KyoEffect>& effect) override;
+  void setEffectEnabled(KyoEffectListView* view, const std::shared_ptr<KyoEffect>& effect, bool enabled) override;
 
   // The widgets, for the window's focus chain and for tests.
   QLabel* noCueLabel() const { return m_noCueLabel; }
@@ -123,7 +135,7 @@ class CueInspectorController : public QObject {
   QButtonGroup* colors() const { return m_colors; }
   QToolButton* previewToggle() const { return m_previewToggle; }
   QToolButton* effectsButton() const { return m_effectsButton; }
-  QListWidget* effectsTable() const { return m_effectsTable; }
+  KyoEffectListView* effectsTable() const { return m_effectsTable; }
   QLineEdit* startTimeField() const { return m_startTimeField; }
   QLineEdit* endTimeField() const { return m_endTimeField; }
   AudioWaveformView* waveformView() const { return m_waveformView; }
@@ -185,7 +197,7 @@ class CueInspectorController : public QObject {
   QPushButton* m_captureButton = nullptr;
   QMenu* m_effectsMenu = nullptr;
   bool m_effectsMenuBuilt = false;
-  QListWidget* m_effectsTable = nullptr;
+  KyoEffectListView* m_effectsTable = nullptr;
   QButtonGroup* m_colors = nullptr;
   AudioWaveformView* m_waveformView = nullptr;
   QScrollArea* m_waveformScroll = nullptr;

@@ -29,6 +29,8 @@
 
 #include "SoundTestSupport.h"
 #include "SurfaceTestSupport.h"
+#include "effects/KyoEffect.h"
+#include "effects/ui/KyoEffectListView.h"
 #include "foundation/SontoColor.h"
 #include "show/AudioCue.h"
 #include "show/Workspace.h"
@@ -456,4 +458,40 @@ TEST(Screenshot, ManyCartsOverflowTheTabBar) {
   EXPECT_FALSE(t.window->tabBar()->overflowPopUpButton()->isHidden());
   const QImage image = grabFromScreen(t.window);
   EXPECT_TRUE(image.save(artifactsDir() + "/many-carts.png", "PNG"));
+}
+
+// The inspector with three real effects in its list, one bypassed, one selected with
+// the keys in the list: the switches, names and delete buttons in the dark rows.
+TEST(Screenshot, InspectorEffectsList) {
+  if (!onRealDisplay()) GTEST_SKIP() << "needs an X server: ctest runs it under xvfb-run as 'screenshots'";
+  if (!QFileInfo::exists("/usr/lib/lv2/mda.lv2/manifest.ttl")) GTEST_SKIP() << "mda-lv2 is not installed";
+  sonto::test::EngineSources engine;
+  sonto::test::Offline out;
+  TestWindow t(out.device);
+  t.window->resize(1100, 760);
+  GridController* grid = t.grid();
+  ASSERT_EQ(dropFiles(grid, {QString::fromStdString(sonto::test::ramp("Effects.wav", 48000))}, 0), 1);
+  auto* cue = dynamic_cast<AudioCue*>(grid->cueForIndex(0));
+  ASSERT_TRUE(cue);
+  for (const char* name : {"Overdrive", "Delay", "Detune"}) {
+    const std::string uri = std::string("http://drobilla.net/plugins/mda/") + name;
+    cue->addEffect(KyoEffect::effectWithDescription(KyoAudioComponentDescription(kAudioUnitType_Effect, uri)));
+  }
+  grid->gridView()->setSelectedIndex(0);
+  ASSERT_TRUE(QTest::qWaitForWindowExposed(t.window));
+  CueInspectorController* inspector = t.window->inspectorController()->cueInspectorController();
+  KyoEffectListView* list = inspector->effectsTable();
+  ASSERT_EQ(list->numberOfRows(), 3);
+  inspector->setEffectEnabled(list, (*cue->effects())[1], false);
+  t.window->activateWindow();
+  EXPECT_TRUE(QTest::qWaitForWindowActive(t.window));
+  list->setFocus(Qt::TabFocusReason);
+  list->selectItem(list->itemForIndex(2));
+  QApplication::processEvents();
+  const QImage image = grabFromScreen(t.window);
+  const QRect rows(list->mapTo(t.window, QPoint(0, 0)), QSize(list->width(), 3 * int(list->rowHeight())));
+  EXPECT_GT(distinctColours(image.copy(rows)), 8);
+  EXPECT_TRUE(image.save(artifactsDir() + "/inspector-effects.png", "PNG"));
+  EXPECT_TRUE(image.copy(rows.adjusted(-20, -30, 20, 40)).scaled(rows.width() * 2 + 80, rows.height() * 2 + 140)
+                  .save(artifactsDir() + "/inspector-effects-list.png", "PNG"));
 }

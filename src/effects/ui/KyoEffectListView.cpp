@@ -41,10 +41,14 @@ KyoEffectRowView::KyoEffectRowView(KyoOutlineView* outlineView) : KyoOutlineRowV
   m_enableButton->setObjectName(QStringLiteral("enableButton"));
   m_enableButton->setFocusPolicy(Qt::NoFocus);
   m_enableButton->setToolTip(QStringLiteral("On or bypassed"));
-  m_enableButton->resize(m_enableButton->sizeHint().boundedTo(QSize(17, 17)));
+  // A lit square for on, an empty frame for bypassed: readable from a distance on the dark rows.
+  m_enableButton->setStyleSheet(QStringLiteral(
+      "QCheckBox::indicator { width: 11px; height: 11px; border: 1px solid rgba(255, 255, 255, 150);"
+      " border-radius: 2px; background: transparent; }"
+      "QCheckBox::indicator:checked { background: rgb(120, 200, 140); border-color: rgb(170, 235, 185); }"));
+  m_enableButton->resize(17, 17);
   m_name = new QLabel(this);
   m_name->setObjectName(QStringLiteral("name"));
-  m_name->setAutoFillBackground(true);
   m_deleteButton = new QToolButton(this);
   m_deleteButton->setObjectName(QStringLiteral("deleteButton"));
   m_deleteButton->setText(QStringLiteral("\u2715"));
@@ -65,7 +69,6 @@ void KyoEffectRowView::setEntry(KyoOutlineViewEntry* entry) {
   const bool selectedWithFocus = entry && entry->selected && outlineView()->hasFocusWithin();
   setTextColor(selectedWithFocus ? QColor(Qt::white) : QColor::fromRgbF(0.85f, 0.85f, 0.85f), backgroundColor());
   m_enableButton->setChecked(m_effect && m_effect->enabled());
-  m_name->setText(m_effect ? QString::fromStdString(m_effect->displayName()) : QString());
   resizeRow();
 }
 
@@ -118,5 +121,7 @@ void KyoEffectRowView::resizeRow() {
   m_enableButton->move(8, 4);
   const int nameLeft = m_enableButton->geometry().right() + 1 + 8;
   m_name->setGeometry(nameLeft, 3, std::max(0, width - 60), 19);
+  const QString name = m_effect ? QString::fromStdString(m_effect->displayName()) : QString();
+  m_name->setText(m_name->fontMetrics().elidedText(name, Qt::ElideRight, m_name->width()));
   m_deleteButton->move(width - 25, 4);
 }

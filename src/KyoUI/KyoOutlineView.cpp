@@ -11,7 +11,6 @@
 #include <QPainterPath>
 #include <QScrollBar>
 #include <QTimer>
-
 #include <algorithm>
 #include <cmath>
 
@@ -531,8 +530,12 @@ void KyoOutlineView::keyPressEvent(QKeyEvent* event) {
   KyoOutlineViewEntry* last = m_lastSelectedEntry;
   bool changed = false;
   switch (event->key()) {
-    case Qt::Key_Up: selectPreviousByExtendingSelection(shift); return;
-    case Qt::Key_Down: selectNextByExtendingSelection(shift); return;
+    case Qt::Key_Up:
+      selectPreviousByExtendingSelection(shift);
+      return;
+    case Qt::Key_Down:
+      selectNextByExtendingSelection(shift);
+      return;
     case Qt::Key_Left:
       if (!last) return;
       if (last->expanded) {
@@ -554,7 +557,9 @@ void KyoOutlineView::keyPressEvent(QKeyEvent* event) {
     case Qt::Key_Greater:
       for (auto& entry : m_dataModel) changed = expandEntry(entry.get(), true) || changed;
       break;
-    default: QAbstractScrollArea::keyPressEvent(event); return;
+    default:
+      QAbstractScrollArea::keyPressEvent(event);
+      return;
   }
   if (changed) reloadRowModelOnly();
 }
@@ -746,7 +751,8 @@ void KyoOutlineView::dragMoveEvent(QDragMoveEvent* event) {
     }
     const double x = m_rowView->leftOfMainColumn() + m_rowView->tweenerOffsetFromMainColumn() +
                      target.parentDepth * m_rowView->indentationPerLevel();
-    m_tweenHighlightView->setGeometry(static_cast<int>(x), boundary - top - 5, viewport()->width() - static_cast<int>(x), 10);
+    m_tweenHighlightView->setGeometry(static_cast<int>(x), boundary - top - 5,
+                                      viewport()->width() - static_cast<int>(x), 10);
     m_tweenHighlightView->show();
     if (target.entry && target.entry->index >= 0) {
       m_rowHighlightView->setColor(palette().color(QPalette::Highlight));

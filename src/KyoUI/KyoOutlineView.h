@@ -12,7 +12,6 @@
 #include <QPoint>
 #include <QPointer>
 #include <QRect>
-
 #include <functional>
 #include <map>
 #include <memory>
@@ -182,9 +181,15 @@ class KyoOutlineView : public QAbstractScrollArea {
 
   // --- Settings ---
   QColor backgroundColor() const { return m_backgroundColor; }
-  void setBackgroundColor(const QColor& color) { m_backgroundColor = color; viewport()->update(); }
+  void setBackgroundColor(const QColor& color) {
+    m_backgroundColor = color;
+    viewport()->update();
+  }
   QColor alternatingRowColor() const { return m_alternatingRowColor; }
-  void setAlternatingRowColor(const QColor& color) { m_alternatingRowColor = color; viewport()->update(); }
+  void setAlternatingRowColor(const QColor& color) {
+    m_alternatingRowColor = color;
+    viewport()->update();
+  }
   void setDividingLineColor(const QColor& color) { m_dividingLineColor = color; }
   void setSecondDividingLineColor(const QColor& color) { m_secondDividingLineColor = color; }
   QColor selectedColor() const { return m_selectedColor; }
@@ -194,7 +199,10 @@ class KyoOutlineView : public QAbstractScrollArea {
   bool allowsMultipleSelection() const { return m_allowsMultipleSelection; }
   void setAllowsMultipleSelection(bool allows) { m_allowsMultipleSelection = allows; }
   int rowsOfSpaceAtBottom() const { return m_rowsOfSpaceAtBottom; }
-  void setRowsOfSpaceAtBottom(int rows) { m_rowsOfSpaceAtBottom = rows; refreshViewSize(); }
+  void setRowsOfSpaceAtBottom(int rows) {
+    m_rowsOfSpaceAtBottom = rows;
+    refreshViewSize();
+  }
   bool isEnabledForDrags() const { return m_enabled; }
   void setEnabledForDrags(bool enabled) { m_enabled = enabled; }
   QColor colorForEntry(const KyoOutlineViewEntry* entry, int index) const;
@@ -206,7 +214,8 @@ class KyoOutlineView : public QAbstractScrollArea {
     int index = -1;
     int parentDepth = 0;
   };
-  DropTarget dropTargetForEntry(KyoOutlineViewEntry* entry, const QPoint& contentPoint, bool canDropDirectlyOnItem) const;
+  DropTarget dropTargetForEntry(KyoOutlineViewEntry* entry, const QPoint& contentPoint,
+                                bool canDropDirectlyOnItem) const;
 
  signals:
   void selectionDidChange();

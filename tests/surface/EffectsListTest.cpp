@@ -1,6 +1,9 @@
 // The effects list in the inspector with real plugins on a real cue: a drag between
 // rows reorders the chain, the switch bypasses, the button and the Delete key remove,
 // and each is one named undo step that puts the chain back as it was.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
 #include <QApplication>
 #include <QCheckBox>
 #include <QDragMoveEvent>
@@ -8,10 +11,6 @@
 #include <QMimeData>
 #include <QTest>
 #include <QToolButton>
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include "SoundTestSupport.h"
 #include "SurfaceTestSupport.h"

@@ -1,15 +1,14 @@
 // The outline view on a small tree: the row model after each change of the tree or
 // of the expanded state, drops that land at the level the pointer chooses, and row
 // widgets made only for the rows in sight.
+#include <gtest/gtest.h>
+
 #include <QApplication>
 #include <QDragMoveEvent>
 #include <QDropEvent>
 #include <QMimeData>
 #include <QScrollBar>
 #include <QTest>
-
-#include <gtest/gtest.h>
-
 #include <functional>
 #include <memory>
 #include <string>
@@ -81,7 +80,8 @@ std::string rows(const KyoOutlineView& view) {
   std::string text;
   for (const KyoOutlineViewEntry* entry : view.rowModel()) {
     if (!text.empty()) text += ' ';
-    text += std::string(static_cast<size_t>(KyoOutlineView::levelOfEntry(entry)), '.') + static_cast<Node*>(entry->item)->name;
+    text += std::string(static_cast<size_t>(KyoOutlineView::levelOfEntry(entry)), '.') +
+            static_cast<Node*>(entry->item)->name;
   }
   return text;
 }
@@ -117,7 +117,9 @@ TEST(OutlineView, RowModelFollowsExpandCollapseInsertDeleteAndDrops) {
   view.setDataSource(&tree);
   const int h = static_cast<int>(view.rowHeight());
   auto key = [&](Qt::Key k) { QTest::keyClick(&view, k); };
-  auto at = [&](Node* n, double fraction, int x) { return QPoint(x, static_cast<int>((view.indexOfItem(n) + fraction) * h)); };
+  auto at = [&](Node* n, double fraction, int x) {
+    return QPoint(x, static_cast<int>((view.indexOfItem(n) + fraction) * h));
+  };
   Node* d = nullptr;
 
   struct Step {
@@ -129,20 +131,47 @@ TEST(OutlineView, RowModelFollowsExpandCollapseInsertDeleteAndDrops) {
       {"start", [] {}, "A .A1 .A2 B C"},
       {"expand C", [&] { view.expandItem(c, false); }, "A .A1 .A2 B C .C1"},
       {"collapse A", [&] { view.collapseItem(a, false); }, "A B C .C1"},
-      {"Right on A", [&] { view.selectItem(a); key(Qt::Key_Right); }, "A .A1 .A2 B C .C1"},
+      {"Right on A",
+       [&] {
+         view.selectItem(a);
+         key(Qt::Key_Right);
+       },
+       "A .A1 .A2 B C .C1"},
       {"> opens all", [&] { key(Qt::Key_Greater); }, "A .A1 .A2 ..A2x B C .C1"},
-      {"Left on a leaf, then on its parent", [&] { view.selectItem(a1); key(Qt::Key_Left); key(Qt::Key_Left); },
+      {"Left on a leaf, then on its parent",
+       [&] {
+         view.selectItem(a1);
+         key(Qt::Key_Left);
+         key(Qt::Key_Left);
+       },
        "A B C .C1"},
-      {"insert, reload keeps expanded", [&] { d = tree.root.add("D", false, false, 1); view.reloadData(); }, "A D B C .C1"},
-      {"delete B", [&] { b->take(); view.reloadData(); }, "A D C .C1"},
+      {"insert, reload keeps expanded",
+       [&] {
+         d = tree.root.add("D", false, false, 1);
+         view.reloadData();
+       },
+       "A D B C .C1"},
+      {"delete B",
+       [&] {
+         b->take();
+         view.reloadData();
+       },
+       "A D C .C1"},
       {"resync asks the source", [&] { view.reloadDataAndResyncExpandedState(); }, "A .A1 .A2 D C"},
       {"drop on the top of a row: before it", [&] { dragTo(view, tree, a1, at(d, 0.1, 40)); }, "A .A2 A1 D C"},
       {"< closes all", [&] { key(Qt::Key_Less); }, "A A1 D C"},
       {"below a nested last child, indented: stays inside",
-       [&] { view.expandItem(a, true); dragTo(view, tree, c, at(a2->children[0].get(), 0.9, 45)); },
+       [&] {
+         view.expandItem(a, true);
+         dragTo(view, tree, c, at(a2->children[0].get(), 0.9, 45));
+       },
        "A .A2 ..A2x ..C A1 D"},
       {"below a nested last child, at the left: the outer level",
-       [&] { view.expandItem(c, false); dragTo(view, tree, d, at(c1, 0.9, 2)); }, "A .A2 ..A2x ..C ...C1 .D A1"},
+       [&] {
+         view.expandItem(c, false);
+         dragTo(view, tree, d, at(c1, 0.9, 2));
+       },
+       "A .A2 ..A2x ..C ...C1 .D A1"},
   };
   for (const Step& step : steps) {
     step.act();

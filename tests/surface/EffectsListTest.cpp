@@ -130,3 +130,54 @@ TEST(EffectsList, ReorderBypassDeleteEachUndoableWithRealPlugins) {
   }
   EXPECT_EQ(t.grid()->cart()->cueAtIndex(0), cue);
 }
+
+// What the list does is heard: a balance at -6.02 dB halves the cue, bypassed or
+// deleted it does not, and the undone delete halves it again.
+TEST(EffectsList, ChangesAreHeardInTheRender) {
+  constexpr const char* kBalance = "http://gareus.org/oss/lv2/balance";
+  if (access("/usr/lib/lv2/balance.lv2/manifest.ttl", R_OK) != 0) GTEST_SKIP() << "x42-plugins is not installed";
+  EngineSources engine;
+  Offline out;
+  TestWindow t{out.device};
+  ASSERT_EQ(dropFiles(t.grid(), {QString::fromStdString(ramp("effects-heard.wav", int64_t(kRate) * 6))}, 0), 1);
+  auto* cue = dynamic_cast<AudioCue*>(t.grid()->cart()->cueAtIndex(0));
+  ASSERT_TRUE(cue);
+  t.grid()->gridView()->setSelectedIndex(0);
+  CueInspectorController* inspector = t.window->inspectorController()->cueInspectorController();
+  KyoEffectListView* list = inspector->effectsTable();
+  inspector->addEffect(prototype(kBalance));
+  ASSERT_EQ(cue->effects()->size(), 1u);
+  const std::shared_ptr<KyoEffect> balance = cue->effects()->front();
+  balance->setValue(-6.0206f, 0);  // the trim, in dB
+  QApplication::processEvents();
+  ASSERT_TRUE(readyToPlay(cue));
+  cue->play();
+
+  // The level of the last tenth of a second rendered, against the file: a least-squares gain.
+  int rendered = 0;
+  auto levelAfter = [&](int cycles) {
+    if (!pullWhenReady(out, cue, cycles)) return -1.0;
+    rendered += cycles;
+    const std::vector<float> left = out.left();
+    double cross = 0, energy = 0;
+    for (size_t i = left.size() - 10 * kFrames; i < left.size(); ++i) {
+      const double reference = rampSample(int64_t(i), 0);
+      cross += left[i] * reference;
+      energy += reference * reference;
+    }
+    return energy > 0 ? cross / energy : -1.0;
+  };
+  EXPECT_NEAR(levelAfter(60), 0.5, 1e-3) << "through the balance";
+  QTest::mouseClick(list->rowViewForIndex(0)->findChild<QCheckBox*>(), Qt::LeftButton);
+  EXPECT_FALSE(balance->enabled());
+  EXPECT_NEAR(levelAfter(60), 1.0, 1e-3) << "bypassed";
+  QTest::mouseClick(list->rowViewForIndex(0)->findChild<QCheckBox*>(), Qt::LeftButton);
+  EXPECT_NEAR(levelAfter(60), 0.5, 1e-3) << "on again";
+  dynamic_cast<KyoEffectRowView*>(list->rowViewForIndex(0))->deleteButton()->click();
+  QApplication::processEvents();
+  EXPECT_NEAR(levelAfter(60), 1.0, 1e-3) << "deleted";
+  t.workspace()->undoManager()->undo();
+  QApplication::processEvents();
+  EXPECT_NEAR(levelAfter(60), 0.5, 1e-3) << "back by undo";
+  cue->hardStop();
+}

@@ -1,6 +1,7 @@
 #include "effects/ui/KyoEffectEditorX11.h"
 
 #include <QGuiApplication>
+#include <dlfcn.h>
 #include <QTimer>
 
 #include <lv2/instance-access/instance-access.h>
@@ -91,9 +92,13 @@ bool KyoEffectPluginView::instantiate(const void* chosen) {
   m_features.push_back(nullptr);
 
   m_host = suil_host_new(&KyoEffectPluginView::writePort, &KyoEffectPluginView::portIndex, nullptr, nullptr);
+  const std::string binary = pathOf(lilv_ui_get_binary_uri(ui));
+  // An interface's library stays loaded for the life of the process: many keep static
+  // state (toolkits, fonts, GL) that does not survive being unloaded and loaded again,
+  // and what they keep stays theirs to account for.
+  if (void* library = dlopen(binary.c_str(), RTLD_NOW | RTLD_NODELETE)) dlclose(library);
   m_instance = suil_instance_new(m_host, this, LV2_UI__X11UI, m_unit.uri().c_str(), m_uiURI.c_str(), LV2_UI__X11UI,
-                                 pathOf(lilv_ui_get_bundle_uri(ui)).c_str(), pathOf(lilv_ui_get_binary_uri(ui)).c_str(),
-                                 m_features.data());
+                                 pathOf(lilv_ui_get_bundle_uri(ui)).c_str(), binary.c_str(), m_features.data());
   if (!m_instance) {
     KyoLog("Warning: the interface %s of %s could not be loaded; showing the generic editor", m_uiURI.c_str(),
            m_unit.uri().c_str());

@@ -175,10 +175,13 @@ std::string KyoHotKey::displayString() const {
       appendUTF8(s, 0x21DF);
       break;
     default:
-      if (c >= KyoKeyCharacter::kF1 && c <= KyoKeyCharacter::kF1 + 14)
-        s += "F" + std::to_string(c - KyoKeyCharacter::kF1 + 1);
-      else
+      if (c >= KyoKeyCharacter::kF1 && c <= KyoKeyCharacter::kF1 + 14) {
+        // Appended in two steps: GCC 12 at -O3 sees a false overlap in "F" + string.
+        s += 'F';
+        s += std::to_string(c - KyoKeyCharacter::kF1 + 1);
+      } else {
         appendUppercase(s, c);
+      }
   }
   return s;
 }

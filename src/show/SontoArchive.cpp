@@ -374,7 +374,9 @@ class Parser {
         if (!text.empty()) text += '.';
         text += step.key->toStdString();
       } else {
-        text += "[" + std::to_string(step.index) + "]";
+        text += '[';
+        text += std::to_string(step.index);
+        text += ']';
       }
     }
     return text.empty() ? "the document" : text;

@@ -39,7 +39,10 @@ std::string quoted(const std::string& token) {
   if (token.size() <= kShownBytes) return "'" + token + "'";
   size_t cut = kShownBytes;
   while (cut > 0 && (uint8_t(token[cut]) & 0xC0) == 0x80) --cut;
-  return "'" + token.substr(0, cut) + "…'";
+  std::string quoted = "'";
+  quoted += token.substr(0, cut);
+  quoted += "…'";
+  return quoted;
 }
 
 // A whole token as a finite decimal number.

@@ -219,7 +219,9 @@ std::shared_ptr<Cue> cueFromArchive(const QJsonObject& archive, std::vector<std:
 // that the package needs; they are cleared before a new save of the same package.
 void removeAbandonedStaging(const std::string& target) {
   const std::string folder = parentPath(target);
-  const std::string prefix = "." + lastPathComponent(target) + ".saving-";
+  std::string prefix = ".";
+  prefix += lastPathComponent(target);
+  prefix += ".saving-";
   DIR* dir = opendir(folder.c_str());
   if (!dir) return;
   std::vector<std::string> abandoned;

@@ -45,7 +45,10 @@ std::string label(KyoEffect& effect, bool enabled) {
 // The chain as the names of its effects.
 std::string chain(AudioCue* cue) {
   std::string text;
-  for (const auto& effect : *cue->effects()) text += (text.empty() ? "" : " ") + label(*effect, effect->enabled());
+  for (const auto& effect : *cue->effects()) {
+    if (!text.empty()) text += ' ';
+    text += label(*effect, effect->enabled());
+  }
   return text;
 }
 
@@ -55,7 +58,8 @@ std::string shown(KyoEffectListView* list) {
   for (int i = 0; i < list->numberOfRows(); ++i) {
     auto* row = dynamic_cast<KyoEffectRowView*>(list->rowViewForIndex(i));
     if (!row) return "row " + std::to_string(i) + " not built";
-    text += (text.empty() ? "" : " ") + label(*row->effect(), row->enableButton()->isChecked());
+    if (!text.empty()) text += ' ';
+    text += label(*row->effect(), row->enableButton()->isChecked());
   }
   return text;
 }
